@@ -1,0 +1,114 @@
+#!/usr/bin/env bash
+# Runs quarrystat inside a copy of a device tree (a directory laid out like a device's
+# /proc, /d, /sys and /dev), so the binary reads its usual fixed paths from the tree.
+#
+#   run-in-tree.sh [--user UID] [--prepare SCRIPT] TREE BINARY [ARGS...]
+#
+# The tree is copied into a private tmpfs in name order, so directory listings come back in the
+# same order on every run; the original is never touched. A dynamically linked binary (the
+# sanitizer build) gets its shared libraries copied in beside it. With QEMU set to a static
+# user-mode emulator, a foreign binary runs through it inside the tree. With VALGRIND set to
+# "memcheck", a dynamically linked binary runs under valgrind, which is copied in as well; its
+# report goes to VALGRIND_LOG (a host path) if set, else to standard error.
+#   --user UID       run as that uid (to meet files the tool may not read); needs real root
+#   --prepare SCRIPT run SCRIPT with the copy as working directory before the tool starts
+# The tool's exit status is this script's exit status.
+set -euo pipefail
+
+user=""
+prepare=""
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --user) user=$2; shift 2 ;;
+    --prepare) prepare=$(realpath "$2"); shift 2 ;;
+    *) break ;;
+  esac
+done
+[ $# -ge 2 ] || { echo "usage: $0 [--user UID] [--prepare SCRIPT] TREE BINARY [ARGS...]" >&2; exit 2; }
+tree=$(realpath "$1")
+binary=$(realpath "$2")
+shift 2
+[ -d "$tree" ] || { echo "$0: no such tree: $tree" >&2; exit 2; }
+
+root=$(mktemp -d /tmp/quarry-tree.XXXXXX)
+trap 'rmdir "$root" 2>/dev/null || true' EXIT
+
+if [ "$(id -u)" -eq 0 ]; then
+  ns=(unshare -m)
+else
+  ns=(unshare -Urm)
+  [ -z "$user" ] || { echo "$0: --user needs root" >&2; exit 2; }
+fi
+
+vglog=""
+if [ -n "${VALGRIND:-}" ]; then
+  vglog=$(mktemp -d /tmp/quarry-vg.XXXXXX)
+  chmod 777 "$vglog"
+fi
+set +e
+"${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$@" <<'INNER'
+set -euo pipefail
+tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7
+shift 7
+mount -t tmpfs -o mode=755 quarry-tree "$root"
+(cd "$tree" && find . -mindepth 1 | LC_ALL=C sort | tar -c --no-recursion -T - -f -) |
+  tar -x -p -f - -C "$root"
+cp "$binary" "$root/quarrystat"
+# Shared libraries and the loader of a dynamic program, at their own paths.
+copy_libs() {
+  ldd "$1" | grep -o '/[^ ]*' | while read -r lib; do
+    mkdir -p "$root$(dirname "$lib")"
+    cp -L "$lib" "$root$lib"
+  done
+}
+dynamic=0
+if ldd "$binary" >/dev/null 2>&1; then
+  dynamic=1
+  copy_libs "$binary"
+fi
+# A sanitizer build (and valgrind) needs the process's own /proc entries: its options come from
+# /proc/self/environ, and the leak check stops the process through /proc/self/task. The shell
+# below execs the tool under the same pid, so that pid's real entries are bound into the tree's
+# /proc. The tool then meets one more process, itself, which holds no DMA-BUF buffers.
+if [ "$dynamic" = 1 ] && [ ! -e "$root/proc/self" ] && [ ! -e "$root/proc/$$" ]; then
+  mkdir -p "$root/proc/$$"
+  mount --bind "/proc/$$" "$root/proc/$$"
+  ln -s "$$" "$root/proc/self"
+fi
+cmd=(/quarrystat)
+if [ -n "$valgrind" ]; then
+  mkdir -p "$root/usr/bin" "$root/usr/libexec" "$root/vg"
+  cp /usr/bin/valgrind.bin "$root/usr/bin/valgrind"
+  copy_libs /usr/bin/valgrind.bin
+  mkdir -p "$root/usr/libexec/valgrind"
+  cp /usr/libexec/valgrind/{memcheck-amd64-linux,vgpreload_core-amd64-linux.so,vgpreload_memcheck-amd64-linux.so,default.supp} \
+    "$root/usr/libexec/valgrind/"
+  # valgrind must see the loader's symbols (libc6-dbg) to replace its string functions.
+  mkdir -p "$root/usr/lib/debug"
+  cp -r /usr/lib/debug/. "$root/usr/lib/debug/"
+  # Exit status 99 marks a memory error or leak; the tool's own statuses never use it.
+  cmd=(/usr/bin/valgrind --tool=memcheck -q --error-exitcode=99 --leak-check=full
+       --show-leak-kinds=definite,indirect,possible --errors-for-leak-kinds=definite,indirect,possible
+       --track-fds=yes --log-file=/vg/log /quarrystat)
+fi
+if [ -n "$qemu" ]; then
+  cp "$qemu" "$root/qemu-user"
+  cmd=(/qemu-user /quarrystat)
+fi
+if [ -n "$prepare" ]; then
+  (cd "$root" && bash "$prepare")
+fi
+if [ -n "$valgrind" ]; then
+  mount --bind "$valgrind" "$root/vg"
+  export TMPDIR=/vg
+fi
+as_user=()
+[ -z "$user" ] || as_user=(--userspec="$user:$user")
+exec chroot "${as_user[@]}" "$root" "${cmd[@]}" "$@"
+INNER
+status=$?
+if [ -n "$vglog" ]; then
+  cat "$vglog/log" >&2 2>/dev/null
+  rm -rf "$vglog"
+fi
+exit $status

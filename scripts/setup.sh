@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs what a fresh Debian 12 machine lacks to build and test quarrystat.
+#   setup.sh          compiler, CMake, GoogleTest, zlib
+#   setup.sh fuzz     also clang with its fuzzer runtime
+# As root it installs with apt-get; otherwise it names the missing packages and fails.
+set -euo pipefail
+
+want=(cmake g++ make tar libgtest-dev zlib1g-dev)
+for extra in "$@"; do
+  case "$extra" in
+    fuzz) want+=(clang libclang-rt-14-dev) ;;
+    *) echo "setup.sh: unknown extra: $extra" >&2; exit 2 ;;
+  esac
+done
+
+missing=()
+for pkg in "${want[@]}"; do
+  dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || missing+=("$pkg")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup.sh: missing packages: ${missing[*]} (run as root, or install them)" >&2
+  exit 1
+fi
+echo "setup.sh: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"

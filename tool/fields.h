@@ -1,0 +1,22 @@
+/* Cutting fields out of kernel text lines into small fixed buffers. */
+#pragma once
+
+#include <stddef.h>
+#include <string.h>
+
+/* The tool reads kernel text files in fgets() pieces of this size: a longer line arrives as
+ * pieces of at most 127 characters, and each piece is handled as a line. */
+#define LINE_BUF_SIZE 128
+
+/* Copies the text [from, to) into buf, zeroed first. A text that does not fit its buffer
+ * (with the terminating NUL), or whose end stands before its start, counts as absent:
+ * -1. Cutting it short would read a different number or name than the kernel wrote, so
+ * callers treat such a line exactly like one that lacks the field. */
+static inline int copy_field(char *buf, size_t size, const char *from, const char *to)
+{
+    memset(buf, 0, size);
+    if (to < from || static_cast<size_t>(to - from) >= size)
+        return -1;
+    memcpy(buf, from, static_cast<size_t>(to - from));
+    return 0;
+}
