@@ -1,7 +1,248 @@
+/* Unmapped DMA-BUF accounting: which buffers no process maps, and who still holds them.
+ *
+ * Processes come and go while /proc is walked, so a walk that meets a process it cannot read
+ * fails as a whole and is run again from an empty list. */
 #include "unmapped.h"
 
-/* FIXME: stub, replaced by the real walks. */
-int get_dmabufs_mapped(std::vector<android::dmabufinfo::DmaBuffer> *) { return 0; }
-int get_dmabufs_process(std::vector<android::dmabufinfo::DmaBuffer> *) { return 0; }
-long get_unmapped_buf_total() { return 0; }
-void show_unmapped_dmabuf() {}
+#include <dirent.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include <base/stringprintf.h>
+#include <dmabufinfo/dmabuf_sysfs_stats.h>
+#include <meminfo/sysmeminfo.h>
+
+#include "paths.h"
+
+using android::dmabufinfo::DmaBuffer;
+
+/* Full passes a failing walk gets before the last, forgiving one. A process that exits during
+ * a pass is gone by the next; one that fails three times in a row is not going to be read. */
+#define WALK_STRICT_PASSES 3
+
+/* A walk that skips the processes it cannot read instead of failing records them here. */
+struct walk_skips {
+    std::vector<int> pids;
+};
+
+typedef int (*process_walk)(std::vector<DmaBuffer> *dmabufs, struct walk_skips *skips);
+
+/* One process's step of a walk: true when its entries could be read. */
+typedef bool (*process_step)(int pid, std::vector<DmaBuffer> *dmabufs);
+
+static bool is_process_entry(const struct dirent *entry, int *pid)
+{
+    if (entry->d_type != DT_DIR)
+        return false;
+    *pid = atoi(entry->d_name);
+    return *pid != 0;
+}
+
+/* Runs step for every process under /proc on a list emptied first. Without skips the walk
+ * stops at the first process that fails (-1); with skips it notes that process and goes on. */
+static int walk_processes(DIR *dir, std::vector<DmaBuffer> *dmabufs, process_step step,
+                          struct walk_skips *skips)
+{
+    struct dirent *entry;
+    int pid;
+
+    while ((entry = readdir(dir))) {
+        if (!is_process_entry(entry, &pid) || step(pid, dmabufs))
+            continue;
+        if (!skips) {
+            closedir(dir);
+            return -1;
+        }
+        skips->pids.push_back(pid);
+    }
+    closedir(dir);
+    return 0;
+}
+
+static bool mapped_step(int pid, std::vector<DmaBuffer> *dmabufs)
+{
+    return android::dmabufinfo::ReadDmaBufMapRefs(pid, dmabufs, PROC_ROOT, DMABUF_SYSFS_BUFFERS);
+}
+
+static bool held_step(int pid, std::vector<DmaBuffer> *dmabufs)
+{
+    if (!android::dmabufinfo::ReadDmaBufFdRefs(pid, dmabufs, PROC_ROOT)) {
+        fprintf(stderr, "Failed to read dmabuf fd references for pid %d\n", pid);
+        return false;
+    }
+    if (!android::dmabufinfo::ReadDmaBufMapRefs(pid, dmabufs, PROC_ROOT, DMABUF_SYSFS_BUFFERS)) {
+        fprintf(stderr, "Failed to read dmabuf map references for pid %d\n", pid);
+        return false;
+    }
+    return true;
+}
+
+static int walk_mapped(std::vector<DmaBuffer> *dmabufs, struct walk_skips *skips)
+{
+    dmabufs->clear();
+    DIR *dir = opendir(PROC_ROOT);
+    if (!dir) {
+        perror("opendir");
+        exit(1);
+    }
+    return walk_processes(dir, dmabufs, mapped_step, skips);
+}
+
+static int walk_held(std::vector<DmaBuffer> *dmabufs, struct walk_skips *skips)
+{
+    dmabufs->clear();
+    DIR *dir = opendir(PROC_ROOT);
+    if (!dir) {
+        fprintf(stderr, "Failed to open /proc directory\n");
+        return -1;
+    }
+    return walk_processes(dir, dmabufs, held_step, skips);
+}
+
+int get_dmabufs_mapped(std::vector<DmaBuffer> *dmabufs)
+{
+    return walk_mapped(dmabufs, NULL);
+}
+
+int get_dmabufs_process(std::vector<DmaBuffer> *dmabufs)
+{
+    return walk_held(dmabufs, NULL);
+}
+
+/* Runs a walk until it succeeds, at most WALK_STRICT_PASSES times; then once more, skipping
+ * the processes that cannot be read, so the report still covers every process that can be.
+ * The skipped ones are named on standard error: their buffers may be missing from the report. */
+static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmabufs,
+                                 const char *what)
+{
+    struct walk_skips skips;
+
+    for (int pass = 0; pass < WALK_STRICT_PASSES; pass++) {
+        if (walk(dmabufs, NULL) == 0)
+            return;
+    }
+    if (walk(dmabufs, &skips) != 0) {
+        fprintf(stderr, "quarrystat: /proc could not be read; no %s DMA-BUF buffers are known\n",
+                what);
+        return;
+    }
+    if (skips.pids.empty())
+        return;
+    fprintf(stderr,
+            "quarrystat: skipped %zu process(es) whose %s DMA-BUF buffers could not be read "
+            "in %d passes:",
+            skips.pids.size(), what, WALK_STRICT_PASSES + 1);
+    for (int pid : skips.pids)
+        fprintf(stderr, " %d", pid);
+    fputc('\n', stderr);
+}
+
+long get_unmapped_buf_total()
+{
+    std::vector<DmaBuffer> mapped;
+    uint64_t value = 0;
+    int64_t heaps = -1;
+    uint64_t mapped_kb = 0;
+    long result;
+
+    if (android::meminfo::ReadIonHeapsSizeKb(&value, ION_TOTAL_HEAPS_KB))
+        heaps = static_cast<int64_t>(value);
+    value = 0;
+    bool pools_read = android::meminfo::ReadIonPoolsSizeKb(&value, ION_TOTAL_POOLS_KB);
+    int64_t pools = static_cast<int64_t>(value);
+
+    collect_with_retries(walk_mapped, &mapped, "mapped");
+    /* One record per buffer, rounded down to whole KB each. */
+    for (const DmaBuffer &buf : mapped)
+        mapped_kb += buf.size() >> 10;
+
+    if (heaps >= 0 && pools_read && pools >= 0) {
+        result = static_cast<long>(heaps - static_cast<int64_t>(mapped_kb));
+        printf("ION unmapped:   %ld KB\n", result);
+        return result;
+    }
+    uint64_t exported_kb = 0;
+    if (!android::dmabufinfo::GetDmabufTotalExportedKb(&exported_kb, DMABUF_SYSFS_BUFFERS)) {
+        /* Without the exported total there is no unmapped figure to give. Saying so, and adding
+         * nothing to the kernel total, keeps that total a sum of figures that were read; -1
+         * minus the mapped total would put an invented number into it. */
+        printf("DMA-BUF unmapped:   unknown (%s unreadable)\n", DMABUF_SYSFS_BUFFERS);
+        return 0;
+    }
+    result = static_cast<long>(static_cast<int64_t>(exported_kb) - static_cast<int64_t>(mapped_kb));
+    printf("DMA-BUF unmapped:   %ld KB\n", result);
+    return result;
+}
+
+/* The process name from /proc/<pid>/comm, or "N/A" when it has gone or says nothing. */
+static std::string process_name(int pid)
+{
+    std::ifstream in(android::base::StringPrintf(PROC_ROOT "/%d/comm", pid));
+    std::string name;
+
+    if (!in || !std::getline(in, name))
+        return "N/A";
+    return name;
+}
+
+static std::string owner_text(const DmaBuffer *held)
+{
+    std::string owner;
+
+    if (!held)
+        return "kernel";
+    for (int pid : held->pids()) {
+        owner += android::base::StringPrintf("[%ld]", static_cast<long>(pid));
+        owner += android::base::StringPrintf("%s ", process_name(pid).c_str());
+    }
+    return owner;
+}
+
+void show_unmapped_dmabuf()
+{
+    /* ION devices keep their own accounting; this report is for DMA-BUF sysfs only. */
+    static const bool ion_present = access(ION_DEVICE, R_OK) == 0;
+    std::vector<DmaBuffer> mapped, held;
+    android::dmabufinfo::DmabufSysfsStats stats;
+    long total_kb = 0;
+
+    if (ion_present) {
+        puts("Not support ion");
+        return;
+    }
+    collect_with_retries(walk_mapped, &mapped, "mapped");
+    collect_with_retries(walk_held, &held, "held");
+    if (!android::dmabufinfo::GetDmabufSysfsStats(&stats, DMABUF_SYSFS_BUFFERS)) {
+        puts("Unable to read DMA-BUF sysfs stats from device");
+        return;
+    }
+
+    /* Inode numbers are matched and printed whole, 64 bits: a buffer from 2^32 up is still
+     * found and shown as the kernel numbers it. Smaller ones print as "%16u" would. */
+    std::unordered_set<uint64_t> mapped_inodes;
+    for (const DmaBuffer &buf : mapped)
+        mapped_inodes.insert(buf.inode());
+    std::unordered_map<uint64_t, const DmaBuffer *> held_by_inode;
+    for (const DmaBuffer &buf : held)
+        held_by_inode.emplace(buf.inode(), &buf);
+
+    puts("------------------ unmapped DMA-BUF per-buffer stats -----------------------");
+    puts("    Dmabuf Inode |     Size(bytes) |   Exporter Name  |   owner                 ");
+    for (const auto &row : stats.buffer_stats()) {
+        if (mapped_inodes.count(row.inode))
+            continue;
+        auto it = held_by_inode.find(row.inode);
+        std::string owner = owner_text(it == held_by_inode.end() ? NULL : it->second);
+        printf("%16" PRIu64 " |%16" PRIu64 " | %16s | %-64s\n", row.inode, row.size,
+               row.exporter_name.c_str(), owner.c_str());
+        total_kb += static_cast<long>(row.size >> 10);
+    }
+    printf("\nUnmapped dmabuf total size is %ld KB\n", total_kb);
+}
