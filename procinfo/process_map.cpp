@@ -72,15 +72,15 @@ bool ReadMapFileContent(char* content, const std::function<void(const MapInfo&)>
     if (content == nullptr) return true;
     MapInfo info;
     char* line = content;
-    while (*line != '\0') {
+    for (;;) {
         char* next = strchr(line, '\n');
         if (next != nullptr) *next++ = '\0';
+        if (*line == '\0') return true;  // an empty line ends the text
         if (!ParseMapLine(line, &info)) return false;
         callback(info);
-        if (next == nullptr) break;
+        if (next == nullptr) return true;
         line = next;
     }
-    return true;
 }
 
 }  // namespace android::procinfo

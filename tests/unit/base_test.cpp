@@ -1,0 +1,69 @@
+// Our platform layer: formatting, trimming, file reads that refuse a final link, logging.
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <base/file.h>
+#include <base/logging.h>
+#include <base/stringprintf.h>
+#include <base/strings.h>
+
+#include "temp_tree.h"
+
+using namespace android::base;
+
+TEST(Strings, TrimAndStartsWith) {
+    EXPECT_EQ("system", Trim("system\n"));
+    EXPECT_EQ("a b", Trim(" \t\r\n\v\fa b \t\n"));
+    EXPECT_EQ("", Trim(" \n\t"));
+    EXPECT_EQ("", Trim(""));
+    EXPECT_TRUE(StartsWith("/dmabuf:camera", "/dmabuf"));
+    EXPECT_TRUE(StartsWith("/dmabuf", "/dmabuf"));
+    EXPECT_FALSE(StartsWith("/dmabu", "/dmabuf"));
+    EXPECT_FALSE(StartsWith("anon_inode:dmabuf", "/dmabuf"));
+}
+
+TEST(StringPrintf, ShortAndLong) {
+    EXPECT_EQ("/proc/42/fdinfo/7", StringPrintf("%s/%d/fdinfo/%d", "/proc", 42, 7));
+    std::string long_name(1000, 'x');
+    EXPECT_EQ("[" + long_name + "]", StringPrintf("[%s]", long_name.c_str()));
+}
+
+TEST(ReadFileToString, ReadsWholeFileButNotThroughFinalLink) {
+    TempTree t;
+    std::string big(100000, 'q');
+    t.Write("big", big);
+    t.Symlink("big", "link");
+    std::string content = "old";
+    ASSERT_TRUE(ReadFileToString(t.Path("big"), &content));
+    EXPECT_EQ(big, content);
+    EXPECT_FALSE(ReadFileToString(t.Path("link"), &content, false));
+    EXPECT_EQ(ELOOP, errno);
+    EXPECT_TRUE(ReadFileToString(t.Path("link"), &content, true));
+    EXPECT_FALSE(ReadFileToString(t.Path("missing"), &content));
+    EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(Logging, PlainAndErrnoFormsKeepErrno) {
+    LogCapture capture;
+    errno = ENOENT;
+    LOG(ERROR) << "plain " << 1;
+    EXPECT_EQ(ENOENT, errno);
+    PLOG(ERROR) << "with errno";
+    EXPECT_EQ(ENOENT, errno);
+    ASSERT_EQ(2u, capture.messages().size());
+    EXPECT_EQ("plain 1", capture.messages()[0]);
+    EXPECT_EQ("with errno: No such file or directory", capture.messages()[1]);
+}
+
+TEST(Logging, MessageFormedOnlyWhenEnabled) {
+    LogCapture capture;
+    int formed = 0;
+    auto count = [&formed]() { return ++formed; };
+    LogSeverity old = SetMinimumLogSeverity(FATAL_WITHOUT_ABORT);
+    LOG(ERROR) << count();
+    SetMinimumLogSeverity(old);
+    EXPECT_EQ(0, formed);
+    EXPECT_TRUE(capture.messages().empty());
+    LOG(ERROR) << count();
+    EXPECT_EQ(1, formed);
+}

@@ -1,0 +1,231 @@
+// Buffer records and the per-process fd and mapping readers, on temporary /proc and sysfs trees.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <dmabufinfo/dmabufinfo.h>
+
+#include "temp_tree.h"
+
+using android::dmabufinfo::DmaBuffer;
+using android::dmabufinfo::ReadDmaBufFdRefs;
+using android::dmabufinfo::ReadDmaBufMapRefs;
+
+namespace {
+
+std::string FdInfo(uint64_t ino, uint64_t size, uint64_t count, const std::string& exp,
+                   const char* name = nullptr) {
+    std::string s = "pos:\t0\nflags:\t02000002\nmnt_id:\t8\nino:\t" + std::to_string(ino) +
+                    "\nsize:\t" + std::to_string(size) + "\ncount:\t" + std::to_string(count) +
+                    "\nexp_name:\t" + exp + "\n";
+    if (name) s += std::string("name:\t") + name + "\n";
+    return s;
+}
+
+std::string MapLine(uint64_t start, uint64_t end, uint64_t inode, const std::string& name) {
+    char buf[200];
+    snprintf(buf, sizeof(buf), "%lx-%lx rw-s 00000000 00:07 %-10lu %s\n", (unsigned long)start,
+             (unsigned long)end, (unsigned long)inode, name.c_str());
+    return buf;
+}
+
+TEST(DmaBuffer, ReferencesAndCopies) {
+    DmaBuffer buf(5, 4096, 0, "<unknown>", "<unknown>");
+    EXPECT_EQ(0u, buf.total_refs());
+    EXPECT_TRUE(buf.pids().empty() && buf.fdrefs().empty() && buf.maprefs().empty());
+
+    buf.RecordFdRef(7);
+    buf.RecordFdRef(7);
+    buf.RecordMapRef(7);
+    EXPECT_EQ(2, buf.fdrefs().at(7));
+    EXPECT_EQ(1, buf.maprefs().at(7));
+    EXPECT_EQ(3u, buf.total_refs());
+    EXPECT_EQ(std::set<pid_t>({7}), buf.pids());
+
+    DmaBuffer copy = buf;
+    buf.RecordMapRef(300);
+    copy.RecordFdRef(12);
+    EXPECT_EQ(std::set<pid_t>({7, 300}), buf.pids());
+    EXPECT_EQ(std::vector<pid_t>({7, 12}), std::vector<pid_t>(copy.pids().begin(), copy.pids().end()));
+    EXPECT_EQ(4u, buf.total_refs());
+    EXPECT_EQ(4u, copy.total_refs());
+    EXPECT_EQ(0u, copy.maprefs().count(300));
+}
+
+TEST(ReadDmaBufFdRefs, RecordsHeldBuffersOnce) {
+    TempTree t;
+    t.Write("proc/68/fdinfo/0", "pos:\t0\nflags:\t02\nmnt_id:\t1\nino:\t4\n");  // not a DMA-BUF
+    t.Write("proc/68/fdinfo/3", FdInfo(2, 65536, 2, "system"));
+    t.Write("proc/68/fdinfo/5", FdInfo(2, 65536, 2, "system"));
+    t.Write("proc/68/fdinfo/4", FdInfo(1, 1048576, 2, "system", "lab-named"));
+    t.Write("proc/69/fdinfo/7", FdInfo(1, 1048576, 2, "system", "lab-named"));
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufFdRefs(68, &bufs, t.Path("proc")));
+    ASSERT_TRUE(ReadDmaBufFdRefs(69, &bufs, t.Path("proc")));
+    ASSERT_EQ(2u, bufs.size());
+    for (const DmaBuffer& b : bufs) {
+        if (b.inode() == 2) {
+            EXPECT_EQ(2, b.fdrefs().at(68));
+            EXPECT_EQ(2u, b.total_refs());
+            EXPECT_EQ("<unknown>", b.name());
+            EXPECT_EQ(65536u, b.size());
+        } else {
+            EXPECT_EQ(1u, b.inode());
+            EXPECT_EQ(std::set<pid_t>({68, 69}), b.pids());
+            EXPECT_EQ("lab-named", b.name());
+            EXPECT_EQ(2u, b.count());
+        }
+    }
+}
+
+TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
+    TempTree t;
+    t.Write("proc/9/fdinfo/3", "size:\t8192\ncount:\tlots\nexp_name:\t  \ninode:\t1\nino:\t1\nname:\tcam\n");
+    std::vector<DmaBuffer> bufs;
+    bufs.emplace_back(1, 4096, 0, "<unknown>", "<unknown>");
+    bufs.emplace_back(2, 4096, 0, "system", "kept");
+    ASSERT_TRUE(ReadDmaBufFdRefs(9, &bufs, t.Path("proc")));
+    ASSERT_EQ(2u, bufs.size());
+    EXPECT_EQ("cam", bufs[0].name());
+    EXPECT_EQ("", bufs[0].exporter());  // an empty exp_name still marks a DMA-BUF
+    EXPECT_EQ(0u, bufs[0].count());     // "lots" is no number
+    EXPECT_EQ(4096u, bufs[0].size());   // the size is never changed by a descriptor
+    EXPECT_EQ(1, bufs[0].fdrefs().at(9));
+    EXPECT_EQ("kept", bufs[1].name());
+}
+
+TEST(ReadDmaBufFdRefs, InodeFromLinkWhenFdinfoHasNone) {
+    TempTree t;
+    t.Write("target", std::string(10000, 'x'));
+    t.Write("proc/9/fdinfo/3", "size:\t1\ncount:\t1\nexp_name:\tsystem\n");
+    t.Symlink(t.Path("target"), "proc/9/fd/3");
+    t.Write("proc/9/fdinfo/4", "exp_name:\tsystem\n");  // its link is gone: skipped
+    struct stat st;
+    ASSERT_EQ(0, stat(t.Path("target").c_str(), &st));
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufFdRefs(9, &bufs, t.Path("proc")));
+    ASSERT_EQ(1u, bufs.size());
+    EXPECT_EQ(st.st_ino, bufs[0].inode());
+    EXPECT_EQ(static_cast<uint64_t>(st.st_blocks) * 512, bufs[0].size());
+}
+
+TEST(ReadDmaBufFdRefs, Failures) {
+    TempTree t;
+    std::vector<DmaBuffer> bufs;
+    {
+        LogCapture log;
+        EXPECT_FALSE(ReadDmaBufFdRefs(5, &bufs, t.Path("proc")));  // process gone
+        ASSERT_EQ(1u, log.messages().size());
+        EXPECT_EQ("Failed to open " + t.Path("proc") + "/5/fdinfo directory: No such file or directory",
+                  log.messages()[0]);
+    }
+    t.Mkdir("proc/7/fdinfo");
+    t.Write("proc/7/fdinfo/x1", "exp_name:\tsystem\n");     // not a descriptor number: skipped
+    // A hexadecimal name is read as fd 16, whose fdinfo file "16" does not exist: the
+    // descriptor counts as closed meanwhile and is skipped without a message.
+    t.Write("proc/7/fdinfo/0x10", FdInfo(3, 4096, 1, "system"));
+    LogCapture log;
+    EXPECT_TRUE(ReadDmaBufFdRefs(7, &bufs, t.Path("proc")));
+    EXPECT_TRUE(bufs.empty());
+    EXPECT_TRUE(log.messages().empty());
+}
+
+// Without permission the hint is logged once per run, whether the directory or a file refuses.
+// Runs in a child that drops root, so the refusals are real.
+TEST(ReadDmaBufFdRefs, PermissionMessageOnce) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to drop to another user";
+    TempTree t;
+    t.Write("proc/1/fdinfo/3", FdInfo(1, 4096, 1, "system"));
+    t.Write("proc/2/fdinfo/3", FdInfo(1, 4096, 1, "system"));
+    t.Write("proc/3/fdinfo/3", FdInfo(1, 4096, 1, "system"));
+    chmod(t.Root().c_str(), 0755);
+    t.Chmod("proc/1/fdinfo", 0700);
+    t.Chmod("proc/2/fdinfo", 0700);
+    t.Chmod("proc/3/fdinfo/3", 0600);
+    const std::string hint =
+        "Failed to read fdinfo - requires either PTRACE_MODE_READ or root depending on the device kernel";
+    pid_t child = fork();
+    if (child == 0) {
+        if (setresgid(65534, 65534, 65534) || setresuid(65534, 65534, 65534)) _exit(2);
+        LogCapture log;
+        std::vector<DmaBuffer> bufs;
+        bool all_false = !ReadDmaBufFdRefs(1, &bufs, t.Path("proc")) &&
+                         !ReadDmaBufFdRefs(2, &bufs, t.Path("proc")) &&
+                         !ReadDmaBufFdRefs(3, &bufs, t.Path("proc"));
+        const std::vector<std::string> want = {
+            hint, "Failed to open " + t.Path("proc") + "/3/fdinfo/3: Permission denied"};
+        _exit(all_false && log.messages() == want && bufs.empty() ? 0 : 1);
+    }
+    int status;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+}
+
+TEST(ReadDmaBufMapRefs, RecordsMappedBuffers) {
+    TempTree t;
+    t.Write("sys/buffers/3/exporter_name", "system\n");
+    t.Write("sys/buffers/3/size", "262144\n");
+    t.Write("sys/buffers/6/exporter_name", "system\n");  // size unreadable: mapping length
+    t.Write("proc/68/maps", "00400000-00481000 r-xp 00000000 00:02 9    /lab/dmabuf-test\n" +
+                                MapLine(0x7f91785000, 0x7f917c5000, 3, "/dmabuf:") +
+                                MapLine(0x7f917c5000, 0x7f91805000, 3, "/dmabuf:") + "\n" +
+                                MapLine(0x7f91805000, 0x7f91905000, 1, "/dmabuf:lab-named") +
+                                MapLine(0x1000, 0x2000, 8, "/dev/dmabuf") +
+                                MapLine(0x1000, 0x2000, 9, "anon_inode:dmabuf") +
+                                "004a3000-004a8000 rw-p 00000000 00:00 0 \n");
+    t.Write("proc/69/maps", MapLine(0x10000, 0x20000, 6, "/dmabuf (deleted)") +
+                                MapLine(0x30000, 0x34000, 6, "/dmabuf") +
+                                MapLine(0x7f91785000, 0x7f917c5000, 3, "/dmabuf:"));
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufMapRefs(68, &bufs, t.Path("proc"), t.Path("sys/buffers")));
+    ASSERT_TRUE(ReadDmaBufMapRefs(69, &bufs, t.Path("proc"), t.Path("sys/buffers")));
+    ASSERT_EQ(3u, bufs.size());  // in the order first met: 3, 1, 6
+    EXPECT_EQ(3u, bufs[0].inode());
+    EXPECT_EQ(262144u, bufs[0].size());
+    EXPECT_EQ("system\n", bufs[0].exporter());  // as sysfs gives it
+    EXPECT_EQ(2, bufs[0].maprefs().at(68));
+    EXPECT_EQ(std::set<pid_t>({68, 69}), bufs[0].pids());
+    EXPECT_EQ(1u, bufs[1].inode());
+    EXPECT_EQ("<unknown>", bufs[1].exporter());
+    EXPECT_EQ(0x100000u, bufs[1].size());
+    EXPECT_EQ("<unknown>", bufs[1].name());
+    EXPECT_EQ(0u, bufs[1].count());
+    EXPECT_EQ(6u, bufs[2].inode());
+    EXPECT_EQ("system\n", bufs[2].exporter());
+    EXPECT_EQ(0x10000u, bufs[2].size());  // the first mapping seen, not the later one
+    EXPECT_EQ(2u, bufs[2].total_refs());
+}
+
+TEST(ReadDmaBufMapRefs, FailuresKeepEarlierReferences) {
+    TempTree t;
+    std::vector<DmaBuffer> bufs;
+    t.Write("proc/5/maps", MapLine(0x1000, 0x2000, 4, "/dmabuf:") +
+                               "a000-c000\trw-s 00000000 00:0b 77 /dmabuf\n" +
+                               MapLine(0x1000, 0x2000, 5, "/dmabuf:"));
+    LogCapture log;
+    EXPECT_FALSE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(1u, bufs.size());
+    EXPECT_EQ(4u, bufs[0].inode());
+    EXPECT_FALSE(ReadDmaBufMapRefs(6, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(2u, log.messages().size());
+    EXPECT_EQ("Failed to parse " + t.Path("proc") + "/5/maps for pid: 5", log.messages()[0]);
+    EXPECT_EQ("Failed to open " + t.Path("proc") + "/6/maps for pid: 6", log.messages()[1]);
+}
+
+TEST(ReadDmaBufMapRefs, LongLinesAreReadWhole) {
+    TempTree t;
+    std::string path = "/data/app/" + std::string(4000, 'p') + "/base.apk";
+    t.Write("proc/5/maps", "7f00000000-7f00001000 r--p 00000000 fd:05 1234   " + path + "\n" +
+                               MapLine(0x1000, 0x3000, 4, "/dmabuf:" + std::string(300, 'n')));
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(1u, bufs.size());
+    EXPECT_EQ(0x2000u, bufs[0].size());
+}
+
+}  // namespace
