@@ -10,8 +10,6 @@
 #include "paths.h"
 #include "unmapped.h"
 
-#define MEMINFO_FIELD_BUF 40
-
 /* The /proc/meminfo counters that make up the kernel's own memory, each with its colon so that
  * ShmemHugePages and the like do not match. Kernel stacks count only when they do not come from
  * vmalloc, which VmallocUsed already holds. */
@@ -39,11 +37,35 @@ static bool kernel_has_vmap_stack(gzFile config)
     return false;
 }
 
+int parse_meminfo_line(const char *line, char key[MEMINFO_FIELD_BUF], long *kb)
+{
+    char field[MEMINFO_FIELD_BUF];
+    const char *colon = strchr(line, ':');
+    const char *unit = strstr(line, " kB");
+    int index = -1;
+
+    for (size_t i = 0; i < sizeof(meminfo_keys) / sizeof(meminfo_keys[0]); i++) {
+        if (!strncmp(line, meminfo_keys[i].key, strlen(meminfo_keys[i].key))) {
+            index = static_cast<int>(i);
+            break;
+        }
+    }
+    if (index < 0)
+        return MEMINFO_NOT_COUNTED;
+    /* "Key:   1234 kB": the number runs from the colon through the blank before " kB". A
+     * counted line without that shape is malformed rather than a 0. */
+    if (!unit || copy_field(field, sizeof(field), colon + 1, unit + 1))
+        return MEMINFO_MALFORMED;
+    *kb = strtol(field, NULL, 10);
+    copy_field(key, MEMINFO_FIELD_BUF, line, colon);
+    return index;
+}
+
 int parse_kernel_memory()
 {
     char line[LINE_BUF_SIZE];
-    char field[MEMINFO_FIELD_BUF];
-    long sum = 0;
+    char key[MEMINFO_FIELD_BUF];
+    long sum = 0, value;
     FILE *fp = fopen(PROC_MEMINFO, "r");
 
     if (!fp)
@@ -57,28 +79,18 @@ int parse_kernel_memory()
     gzclose(config);
 
     while (fgets(line, sizeof(line), fp)) {
-        const char *colon = strchr(line, ':');
-        const char *unit = strstr(line, " kB");
-        size_t i;
-
-        for (i = 0; i < sizeof(meminfo_keys) / sizeof(meminfo_keys[0]); i++) {
-            if (!strncmp(line, meminfo_keys[i].key, strlen(meminfo_keys[i].key)))
-                break;
-        }
-        if (i == sizeof(meminfo_keys) / sizeof(meminfo_keys[0]))
+        int index = parse_meminfo_line(line, key, &value);
+        if (index == MEMINFO_NOT_COUNTED)
             continue;
-        /* "Key:   1234 kB": the number runs from the colon through the blank before " kB".
-         * A counted line without that shape is left out, and said so, rather than read as 0. */
-        if (!unit || copy_field(field, sizeof(field), colon + 1, unit + 1)) {
+        if (index == MEMINFO_MALFORMED) {
+            /* Left out, and said so, rather than counted as some other number. */
             fprintf(stderr, "quarrystat: skipped malformed " PROC_MEMINFO " line: %s%s", line,
                     strchr(line, '\n') ? "" : "\n");
             continue;
         }
-        long value = strtol(field, NULL, 10);
-        copy_field(field, sizeof(field), line, colon);
-        printf("%s: ", field);
+        printf("%s: ", key);
         printf("%ld KB\n", value);
-        if (!meminfo_keys[i].is_stack) {
+        if (!meminfo_keys[index].is_stack) {
             sum += value;
         } else if (!vmap_stack) {
             sum += value;
@@ -91,7 +103,19 @@ int parse_kernel_memory()
     return 0;
 }
 
-#define KMODULE_COLUMN_BUF 64
+bool kmodule_first_column(const char *line, char column[KMODULE_COLUMN_BUF])
+{
+    const char *bar = strchr(line, '|');
+
+    /* The first column with the bar turned into a line end. One that would not fit the
+     * column buffer with its newline counts as no column: the line is then printed whole, as
+     * a line without a bar is, rather than as a cut-off name. */
+    if (!bar || copy_field(column, KMODULE_COLUMN_BUF - 1, line, bar))
+        return false;
+    column[bar - line] = '\n';
+    column[bar - line + 1] = '\0';
+    return true;
+}
 
 /* The module table is text, one module a line, columns separated by '|', the module name
  * (possibly padded with blanks) first. */
@@ -114,19 +138,8 @@ int show_kmodule_mem(char *name)
         if (!found)
             printf("%s%s doesn't exit\n", name, ".ko");
     } else {
-        while (fgets(line, sizeof(line), fp)) {
-            const char *bar = strchr(line, '|');
-            /* The first column, the bar turned into a line end. One that would not fit the
-             * column buffer with its newline counts as no column: the line is printed whole,
-             * as a line without a bar is, rather than as a cut-off name. */
-            if (!bar || copy_field(column, sizeof(column) - 1, line, bar)) {
-                printf("%s", line);
-                continue;
-            }
-            column[bar - line] = '\n';
-            column[bar - line + 1] = '\0';
-            printf("%s", column);
-        }
+        while (fgets(line, sizeof(line), fp))
+            printf("%s", kmodule_first_column(line, column) ? column : line);
     }
     fclose(fp);
     return 0;
