@@ -109,6 +109,14 @@ INNER
 status=$?
 if [ -n "$vglog" ]; then
   cat "$vglog/log" >&2 2>/dev/null
+  # A descriptor still open at exit that the tool did not inherit is one it leaked.
+  if awk '/Open file descriptor/ { fd = $0; next }
+          fd != "" && /inherited from parent/ { fd = ""; next }
+          fd != "" { print fd; leaked = 1; fd = "" }
+          END { exit !leaked }' "$vglog/log" >&2; then
+    echo "$0: descriptors left open at exit" >&2
+    status=98
+  fi
   rm -rf "$vglog"
 fi
 exit $status

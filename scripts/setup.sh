@@ -2,6 +2,8 @@
 # Installs what a fresh Debian 12 machine lacks to build and test quarrystat.
 #   setup.sh          compiler, CMake, GoogleTest, zlib
 #   setup.sh fuzz     also clang with its fuzzer runtime
+#   setup.sh cross    also the arm64 cross compiler, arm64 zlib and the user-mode emulator
+#   setup.sh valgrind also valgrind and the C library's symbols it needs
 # As root it installs with apt-get; otherwise it names the missing packages and fails.
 set -euo pipefail
 
@@ -9,6 +11,8 @@ want=(cmake g++ make tar libgtest-dev zlib1g-dev)
 for extra in "$@"; do
   case "$extra" in
     fuzz) want+=(clang libclang-rt-14-dev) ;;
+    cross) want+=(g++-aarch64-linux-gnu qemu-user-static zlib1g-dev:arm64 libc6-dev:arm64) ;;
+    valgrind) want+=(valgrind libc6-dbg) ;;
     *) echo "setup.sh: unknown extra: $extra" >&2; exit 2 ;;
   esac
 done
@@ -25,5 +29,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "setup.sh: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+case " ${missing[*]} " in
+  *:arm64*) dpkg --print-foreign-architectures | grep -qx arm64 || dpkg --add-architecture arm64 ;;
+esac
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"

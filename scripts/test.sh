@@ -1,12 +1,24 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test: the static release build, then the same suite under
-# AddressSanitizer and UndefinedBehaviorSanitizer.
+# Sets up, builds and runs every test:
+#   1. the static release build: unit tests, end-to-end cases, live kernel checks (ctest);
+#   2. the same suite built with AddressSanitizer and UndefinedBehaviorSanitizer;
+#   3. the static arm64 build, end to end under user-mode emulation, same golden outputs;
+#   4. the end-to-end cases under valgrind memcheck (leaks, errors, descriptors left open);
+#   5. every fuzz target for FUZZ_SECONDS (default 20) each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
+scripts/setup.sh fuzz cross valgrind
 for preset in default asan; do
   echo "=== $preset build"
-  scripts/build.sh "$preset"
+  scripts/build.sh "$preset" >/dev/null
   echo "=== $preset tests"
   ctest --preset "$preset" -j "$(nproc)"
 done
+echo "=== arm64 build, end to end under emulation"
+scripts/build.sh aarch64 >/dev/null
+QEMU=/usr/bin/qemu-aarch64-static scripts/e2e.sh build/aarch64/tool/quarrystat
+echo "=== end to end under valgrind"
+scripts/build.sh dynamic >/dev/null
+VALGRIND=memcheck scripts/e2e.sh build/dynamic/tool/quarrystat
+echo "=== fuzz targets"
+scripts/fuzz.sh "${FUZZ_SECONDS:-20}"

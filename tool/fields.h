@@ -1,7 +1,9 @@
 /* Cutting fields out of kernel text lines into small fixed buffers. */
 #pragma once
 
+#include <errno.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <string.h>
 
 /* The tool reads kernel text files in fgets() pieces of this size: a longer line arrives as
@@ -19,4 +21,13 @@ static inline int copy_field(char *buf, size_t size, const char *from, const cha
         return -1;
     memcpy(buf, from, static_cast<size_t>(to - from));
     return 0;
+}
+
+/* After a reading loop: a stream that stopped on an error rather than at its end (a directory
+ * where a file belongs, an I/O error) is named on standard error, so a short report is not
+ * mistaken for a whole one. */
+static inline void report_read_error(FILE *fp, const char *path)
+{
+    if (ferror(fp))
+        fprintf(stderr, "quarrystat: cannot read %s: %s\n", path, strerror(errno));
 }

@@ -97,6 +97,7 @@ int parse_kernel_memory()
             puts("CONFIG_VMAP_STACK is not set.");
         }
     }
+    report_read_error(fp, PROC_MEMINFO);
     sum += get_unmapped_buf_total();
     printf("Kernel Memory total size = %ld KB\n", sum);
     fclose(fp);
@@ -141,6 +142,7 @@ int show_kmodule_mem(char *name)
         while (fgets(line, sizeof(line), fp))
             printf("%s", kmodule_first_column(line, column) ? column : line);
     }
+    report_read_error(fp, KO_MEMORY_STAT);
     fclose(fp);
     return 0;
 }

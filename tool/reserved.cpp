@@ -94,6 +94,7 @@ int parse_reserved_memory_stat(void)
         *region = parsed;
         list_add_tail(&region->list, &reserved_list);
     }
+    report_read_error(fp, RESERVED_MEMORY_STAT);
     fclose(fp);
     return ret;
 }
@@ -162,6 +163,7 @@ int parse_memblock(const char *path)
         entry->size = size;
         list_add_tail(&entry->list, head);
     }
+    report_read_error(fp, path);
     fclose(fp);
     return ret;
 }
@@ -290,7 +292,9 @@ void print_cma_driver_used(bool total_only)
             printf("%s can't be read\n", ent->fts_path);
             continue;
         }
-        if (fgets(line, sizeof(line), fp)) {
+        if (!fgets(line, sizeof(line), fp)) {
+            report_read_error(fp, ent->fts_path);
+        } else {
             uint32_t pages = static_cast<uint32_t>(strtol(line, NULL, 10));
             if (!total_only && pages)
                 printf("[cma_fix_used] %s: size %d KB\n", ent->fts_parent->fts_name,
@@ -343,6 +347,7 @@ int get_kernel_code_data_info(struct kernel_code_data_region *region, const char
         }
         break;
     }
+    report_read_error(fp, PROC_IOMEM);
     fclose(fp);
     return ret;
 }

@@ -33,7 +33,8 @@ bool ParseSysfsUint(std::string_view text, uint64_t* value) {
     char* end;
     errno = 0;
     unsigned long long parsed = strtoull(number.c_str(), &end, base);
-    if (errno != 0 || end == number.c_str() || *end != '\0') return false;
+    // Nothing may follow the number, a NUL byte included.
+    if (errno != 0 || end == number.c_str() || end != number.c_str() + number.size()) return false;
     *value = parsed;
     return true;
 }

@@ -16,11 +16,12 @@
 #include "base/stringprintf.h"
 #include "base/strings.h"
 #include "dmabufinfo/dmabuf_sysfs_stats.h"
+#include "fdinfo.h"
 #include "procinfo/process_map.h"
 
 namespace android::dmabufinfo {
 
-static const char kUnknown[] = "<unknown>";
+static const char kUnknown[] = "<unknown>";  // an exporter or name not known
 
 DmaBuffer::DmaBuffer(uint64_t inode, uint64_t size, uint64_t count, const std::string& exporter,
                      const std::string& name)
@@ -49,16 +50,6 @@ static DmaBuffer* FindBuffer(std::vector<DmaBuffer>* dmabufs, uint64_t inode) {
     return nullptr;
 }
 
-// What one fdinfo file says about its descriptor.
-struct FdInfo {
-    uint64_t inode = UINT64_MAX;  // no "ino:" line
-    uint64_t size = 0;
-    uint64_t count = 0;
-    std::string exporter = kUnknown;
-    std::string name = kUnknown;
-    bool is_dmabuf = false;  // an "exp_name:" line was seen
-};
-
 enum FdInfoStatus { kParsed, kGone, kFailed };
 
 static bool permission_warning_logged = false;
@@ -86,6 +77,30 @@ static bool MatchKey(const std::string& line, const char* key, std::string* valu
 //   exp_name:	system
 //   name:	lab-named
 // plus pos/flags/mnt_id/ino lines. Only "exp_name:" marks a DMA-BUF descriptor.
+void ParseFdInfoLine(const std::string& line, FdInfo* info) {
+    std::string value;
+    switch (line[0]) {
+        case 'c':
+            if (MatchKey(line, "count:", &value)) info->count = ReadUnsigned(value);
+            break;
+        case 'e':
+            if (MatchKey(line, "exp_name:", &value)) {
+                info->exporter = base::Trim(value);
+                info->is_dmabuf = true;
+            }
+            break;
+        case 'i':
+            if (MatchKey(line, "ino:", &value)) info->inode = ReadUnsigned(value);
+            break;
+        case 'n':
+            if (MatchKey(line, "name:", &value)) info->name = base::Trim(value);
+            break;
+        case 's':
+            if (MatchKey(line, "size:", &value)) info->size = ReadUnsigned(value);
+            break;
+    }
+}
+
 static FdInfoStatus ReadFdInfoFile(pid_t pid, int fd, const std::string& procfs_path, FdInfo* info) {
     std::string path = base::StringPrintf("%s/%d/fdinfo/%d", procfs_path.c_str(), pid, fd);
     *info = FdInfo();
@@ -100,29 +115,8 @@ static FdInfoStatus ReadFdInfoFile(pid_t pid, int fd, const std::string& procfs_
         }
         return kFailed;
     }
-    std::string line, value;
-    while (std::getline(in, line)) {
-        switch (line[0]) {
-            case 'c':
-                if (MatchKey(line, "count:", &value)) info->count = ReadUnsigned(value);
-                break;
-            case 'e':
-                if (MatchKey(line, "exp_name:", &value)) {
-                    info->exporter = base::Trim(value);
-                    info->is_dmabuf = true;
-                }
-                break;
-            case 'i':
-                if (MatchKey(line, "ino:", &value)) info->inode = ReadUnsigned(value);
-                break;
-            case 'n':
-                if (MatchKey(line, "name:", &value)) info->name = base::Trim(value);
-                break;
-            case 's':
-                if (MatchKey(line, "size:", &value)) info->size = ReadUnsigned(value);
-                break;
-        }
-    }
+    std::string line;
+    while (std::getline(in, line)) ParseFdInfoLine(line, info);
     return kParsed;
 }
 

@@ -17,7 +17,7 @@ void AddBuffer(const TempTree& t, const std::string& inode, const std::string& s
 
 TEST(ParseSysfsUint, NumberRule) {
     struct {
-        const char* text;
+        std::string_view text;
         bool ok;
         uint64_t value;
     } cases[] = {
@@ -27,7 +27,7 @@ TEST(ParseSysfsUint, NumberRule) {
         {"18446744073709551616", false, 0},                       // overflow
         {"-1", false, 0},             {" -1", false, 0},          {"", false, 0},
         {"   ", false, 0},            {"4096 KB", false, 0},      {"4096\n", false, 0},
-        {"0x", false, 0},             {"12abc", false, 0},
+        {"0x", false, 0},             {"12abc", false, 0},        {std::string_view("81\0" "92", 5), false, 0},
     };
     for (const auto& c : cases) {
         uint64_t value = 99;

@@ -1,0 +1,111 @@
+#include "entries.h"
+
+#include <string.h>
+
+#include <string>
+#include <string_view>
+
+#include <dmabufinfo/dmabuf_sysfs_stats.h>
+#include <procinfo/process_map.h>
+
+#include "fdinfo.h"
+#include "fields.h"
+#include "kmem.h"
+#include "reserved.h"
+
+namespace {
+
+// Hands the input to fn as the tool's fgets() loop would: pieces of at most 127 characters,
+// each ending at a newline or at the buffer's end, as NUL-terminated strings.
+template <typename Fn>
+void ForEachPiece(const uint8_t* data, size_t size, Fn fn) {
+    char piece[LINE_BUF_SIZE];
+    size_t i = 0;
+    while (i < size) {
+        size_t n = 0;
+        while (i < size && n < sizeof(piece) - 1) {
+            piece[n++] = static_cast<char>(data[i++]);
+            if (piece[n - 1] == '\n') break;
+        }
+        piece[n] = '\0';
+        fn(piece);
+    }
+}
+
+}  // namespace
+
+void FuzzMaps(const uint8_t* data, size_t size) {
+    std::string text(reinterpret_cast<const char*>(data), size);
+    uint64_t sink = 0;
+    android::procinfo::ReadMapFileContent(text.data(), [&](const android::procinfo::MapInfo& m) {
+        sink += m.start + m.end + m.offset + m.inode + m.flags + m.name.size() + m.shared;
+    });
+    (void)sink;
+}
+
+void FuzzSysfsNumber(const uint8_t* data, size_t size) {
+    uint64_t value;
+    android::dmabufinfo::ParseSysfsUint(
+        std::string_view(reinterpret_cast<const char*>(data), size), &value);
+}
+
+void FuzzFdInfo(const uint8_t* data, size_t size) {
+    android::dmabufinfo::FdInfo info;
+    std::string_view text(reinterpret_cast<const char*>(data), size);
+    while (!text.empty()) {
+        size_t end = text.find('\n');
+        android::dmabufinfo::ParseFdInfoLine(std::string(text.substr(0, end)), &info);
+        if (end == std::string_view::npos) break;
+        text.remove_prefix(end + 1);
+    }
+}
+
+void FuzzReservedStat(const uint8_t* data, size_t size) {
+    ForEachPiece(data, size, [](const char* line) {
+        reserved_region region;
+        long kb;
+        if (parse_region_line(line, &region) == 0 &&
+            (strlen(region.name) >= sizeof(region.name) || strlen(region.type) >= sizeof(region.type)))
+            __builtin_trap();
+        parse_size_kb(line, &kb);
+    });
+}
+
+void FuzzMemblock(const uint8_t* data, size_t size) {
+    ForEachPiece(data, size, [](const char* line) {
+        uint64_t start, end;
+        parse_memblock_line(line, &start, &end);
+    });
+}
+
+void FuzzIomem(const uint8_t* data, size_t size) {
+    ForEachPiece(data, size, [](const char* line) {
+        uint64_t start, end;
+        if (parse_iomem_line(line, &start, &end) == 0 && end < start) __builtin_trap();
+    });
+}
+
+void FuzzMeminfo(const uint8_t* data, size_t size) {
+    ForEachPiece(data, size, [](const char* line) {
+        char key[MEMINFO_FIELD_BUF];
+        long kb;
+        if (parse_meminfo_line(line, key, &kb) >= 0 && strlen(key) >= sizeof(key)) __builtin_trap();
+    });
+}
+
+void FuzzKmodule(const uint8_t* data, size_t size) {
+    ForEachPiece(data, size, [](const char* line) {
+        char column[KMODULE_COLUMN_BUF];
+        if (kmodule_first_column(line, column) && strlen(column) > KMODULE_COLUMN_BUF - 2 + 1)
+            __builtin_trap();
+    });
+}
+
+const std::map<std::string, FuzzEntry>& FuzzEntries() {
+    static const std::map<std::string, FuzzEntry> entries = {
+        {"maps", FuzzMaps},         {"sysfs_number", FuzzSysfsNumber}, {"fdinfo", FuzzFdInfo},
+        {"reserved", FuzzReservedStat}, {"memblock", FuzzMemblock},    {"iomem", FuzzIomem},
+        {"meminfo", FuzzMeminfo},   {"kmodule", FuzzKmodule},
+    };
+    return entries;
+}
