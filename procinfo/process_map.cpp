@@ -15,10 +15,36 @@ static const char* SkipBlanks(const char* p) {
     return p;
 }
 
-// Reads a number with strtoull in base; at least one character must be consumed.
-static bool ReadNumber(const char** p, int base, uint64_t* value) {
+// Digit values for bases up to 16; 99 for any other character.
+static const struct DigitTable {
+    unsigned char value[256];
+    constexpr DigitTable() : value() {
+        for (int c = 0; c < 256; c++) value[c] = 99;
+        for (int c = '0'; c <= '9'; c++) value[c] = static_cast<unsigned char>(c - '0');
+        for (int c = 'a'; c <= 'f'; c++) value[c] = static_cast<unsigned char>(c - 'a' + 10);
+        for (int c = 'A'; c <= 'F'; c++) value[c] = static_cast<unsigned char>(c - 'A' + 10);
+    }
+} kDigits;
+
+// Reads a number as strtoull in base reads it; at least one character must be consumed. The
+// kernel's columns are plain digits, read here directly (every maps line of every process
+// goes through this); anything strtoull treats specially (blanks, a sign, a 0x prefix, more
+// digits than fit) is left to strtoull itself, so the result is the same either way.
+template <unsigned kBase>
+static bool ReadNumber(const char** p, uint64_t* value) {
+    const unsigned char* s = reinterpret_cast<const unsigned char*>(*p);
+    uint64_t v = 0;
+    int digits = 0;
+    for (unsigned d; (d = kDigits.value[s[digits]]) < kBase; digits++) v = v * kBase + d;
+    constexpr int kMaxDigits = kBase == 16 ? 16 : 19;
+    bool prefix = kBase == 16 && digits == 1 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
+    if (digits > 0 && digits <= kMaxDigits && !prefix) {
+        *value = v;
+        *p += digits;
+        return true;
+    }
     char* end;
-    *value = strtoull(*p, &end, base);
+    *value = strtoull(*p, &end, kBase);
     if (end == *p) return false;
     *p = end;
     return true;
@@ -31,8 +57,8 @@ bool ParseMapLine(const char* line, MapInfo* info) {
     const char* p = line;
     uint64_t value;
 
-    if (!ReadNumber(&p, 16, &info->start) || *p++ != '-') return false;
-    if (!ReadNumber(&p, 16, &info->end) || *p++ != ' ') return false;
+    if (!ReadNumber<16>(&p, &info->start) || *p++ != '-') return false;
+    if (!ReadNumber<16>(&p, &info->end) || *p++ != ' ') return false;
 
     p = SkipBlanks(p);
     uint16_t flags = 0;
@@ -46,7 +72,7 @@ bool ParseMapLine(const char* line, MapInfo* info) {
     info->flags = flags;
     p = SkipBlanks(p + 5);
 
-    if (!ReadNumber(&p, 16, &info->offset) || *p++ != ' ') return false;
+    if (!ReadNumber<16>(&p, &info->offset) || *p++ != ' ') return false;
 
     p = SkipBlanks(p);
     if (!IsHexDigit(*p)) return false;
@@ -56,7 +82,7 @@ bool ParseMapLine(const char* line, MapInfo* info) {
     if (*p++ != ' ') return false;
 
     p = SkipBlanks(p);
-    if (!ReadNumber(&p, 10, &value)) return false;
+    if (!ReadNumber<10>(&p, &value)) return false;
     info->inode = value;
 
     if (*p == '\0') {
@@ -70,7 +96,9 @@ bool ParseMapLine(const char* line, MapInfo* info) {
 
 bool ReadMapFileContent(char* content, const std::function<void(const MapInfo&)>& callback) {
     if (content == nullptr) return true;
-    MapInfo info;
+    // Kept from call to call, so the name's storage is reused rather than allocated per line
+    // (the mapping reader hands over one line at a time).
+    static thread_local MapInfo info;
     char* line = content;
     for (;;) {
         char* next = strchr(line, '\n');

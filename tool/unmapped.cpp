@@ -217,7 +217,14 @@ void show_unmapped_dmabuf()
         puts("Not support ion");
         return;
     }
+    /* Of the mapped buffers only the inodes are needed: keep those and let the records go
+     * before the held walk builds its own, so the two lists are never in memory together. */
     collect_with_retries(walk_mapped, &mapped, "mapped");
+    std::unordered_set<uint64_t> mapped_inodes;
+    for (const DmaBuffer &buf : mapped)
+        mapped_inodes.insert(buf.inode());
+    std::vector<DmaBuffer>().swap(mapped);
+
     collect_with_retries(walk_held, &held, "held");
     if (!android::dmabufinfo::GetDmabufSysfsStats(&stats, DMABUF_SYSFS_BUFFERS)) {
         puts("Unable to read DMA-BUF sysfs stats from device");
@@ -226,9 +233,6 @@ void show_unmapped_dmabuf()
 
     /* Inode numbers are matched and printed whole, 64 bits: a buffer from 2^32 up is still
      * found and shown as the kernel numbers it. Smaller ones print as "%16u" would. */
-    std::unordered_set<uint64_t> mapped_inodes;
-    for (const DmaBuffer &buf : mapped)
-        mapped_inodes.insert(buf.inode());
     std::unordered_map<uint64_t, const DmaBuffer *> held_by_inode;
     for (const DmaBuffer &buf : held)
         held_by_inode.emplace(buf.inode(), &buf);

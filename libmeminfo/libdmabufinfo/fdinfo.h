@@ -17,7 +17,8 @@ struct FdInfo {
     bool is_dmabuf = false;  // an "exp_name:" line was seen
 };
 
-// Takes one line (without its newline) into info; a later line of the same key wins.
-void ParseFdInfoLine(const std::string& line, FdInfo* info);
+// Takes one NUL-terminated line (without its newline) into info; a later line of the same key
+// wins.
+void ParseFdInfoLine(const char* line, FdInfo* info);
 
 }  // namespace android::dmabufinfo

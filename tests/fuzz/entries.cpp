@@ -54,7 +54,7 @@ void FuzzFdInfo(const uint8_t* data, size_t size) {
     std::string_view text(reinterpret_cast<const char*>(data), size);
     while (!text.empty()) {
         size_t end = text.find('\n');
-        android::dmabufinfo::ParseFdInfoLine(std::string(text.substr(0, end)), &info);
+        android::dmabufinfo::ParseFdInfoLine(std::string(text.substr(0, end)).c_str(), &info);
         if (end == std::string_view::npos) break;
         text.remove_prefix(end + 1);
     }

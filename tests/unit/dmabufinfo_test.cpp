@@ -201,6 +201,33 @@ TEST(ReadDmaBufMapRefs, RecordsMappedBuffers) {
     EXPECT_EQ(2u, bufs[2].total_refs());
 }
 
+// Records are found by inode whatever the caller did to its array between calls.
+TEST(ReadDmaBufMapRefs, FindsRecordsAfterCallerChanges) {
+    TempTree t;
+    t.Write("proc/5/maps", MapLine(0x1000, 0x2000, 4, "/dmabuf:") + MapLine(0x3000, 0x4000, 5, "/dmabuf:"));
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(2u, bufs.size());
+    EXPECT_EQ(2, bufs[1].maprefs().at(5));
+
+    std::vector<DmaBuffer> copy = bufs;  // another array
+    copy.emplace(copy.begin(), 5, 1, 0, "x", "y");  // the caller's own record, in front
+    ASSERT_TRUE(ReadDmaBufMapRefs(5, &copy, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(3u, copy.size());
+    EXPECT_EQ(1, copy[0].maprefs().at(5));  // the first record with the inode takes the reference
+    EXPECT_EQ(3, copy[1].maprefs().at(5));
+    EXPECT_EQ(2, copy[2].maprefs().at(5));
+
+    bufs.clear();  // emptied and filled again, as a repeated walk does
+    bufs.emplace_back(5, 1, 0, "x", "y");
+    ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(2u, bufs.size());
+    EXPECT_EQ(5u, bufs[0].inode());
+    EXPECT_EQ(1u, bufs[0].total_refs());
+    EXPECT_EQ(4u, bufs[1].inode());
+}
+
 TEST(ReadDmaBufMapRefs, FailuresKeepEarlierReferences) {
     TempTree t;
     std::vector<DmaBuffer> bufs;

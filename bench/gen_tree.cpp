@@ -1,0 +1,116 @@
+// Writes a synthetic device tree for the -u / -n benchmark:  gen_tree DIR SCALE
+// At scale 1: 1000 processes, each with 3000 maps lines (10 of them /dmabuf mappings) and 64
+// descriptors (8 of them DMA-BUF), and 2000 exported buffers; SCALE multiplies the processes
+// and the buffers. Line shapes follow real Android maps and DMA-BUF fdinfo files.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <string>
+
+static void Mkdirs(const std::string& path) {
+    std::string partial;
+    for (size_t i = 1; i <= path.size(); i++) {
+        if (i == path.size() || path[i] == '/') {
+            partial = path.substr(0, i);
+            if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
+                perror(partial.c_str());
+                exit(1);
+            }
+        }
+    }
+}
+
+static void WriteFile(const std::string& path, const std::string& content) {
+    FILE* f = fopen(path.c_str(), "w");
+    if (!f || fwrite(content.data(), 1, content.size(), f) != content.size() || fclose(f) != 0) {
+        perror(path.c_str());
+        exit(1);
+    }
+}
+
+static const char* const kNames[] = {
+    "[anon:dalvik-main space (region space)]",
+    "/system/lib64/libc.so",
+    "/apex/com.android.art/lib64/libart.so",
+    "/data/app/~~Xk3P2dQz1m9V_fLw8a7JbA==/com.example.messenger-7rYbq1XnC2Wp0sZt4uVdKg==/oat/arm64/base.odex",
+    "[anon:scudo:primary]",
+    "/dev/ashmem/shared_memory/2f7a9c1e (deleted)",
+    "/system/framework/arm64/boot-framework.oat",
+    "",
+    "[anon:.bss]",
+    "/vendor/lib64/hw/android.hardware.graphics.mapper@4.0-impl-qti-display.so",
+};
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        fprintf(stderr, "usage: gen_tree DIR SCALE\n");
+        return 2;
+    }
+    std::string root = argv[1];
+    int scale = atoi(argv[2]);
+    const int procs = 1000 * scale, buffers = 2000 * scale;
+    const int maps_lines = 3000, dmabuf_maps = 10, fds = 64, dmabuf_fds = 8;
+    const unsigned long first_inode = 40000;
+    char line[512];
+
+    std::string sysfs = root + "/sys/kernel/dmabuf/buffers";
+    for (int b = 0; b < buffers; b++) {
+        std::string dir = sysfs + "/" + std::to_string(first_inode + b);
+        Mkdirs(dir);
+        WriteFile(dir + "/size", std::to_string(4096UL << (b % 9)) + "\n");
+        WriteFile(dir + "/exporter_name", b % 5 ? "system\n" : "qcom,system-uncached\n");
+    }
+
+    for (int p = 0; p < procs; p++) {
+        int pid = 1000 + p;
+        std::string dir = root + "/proc/" + std::to_string(pid);
+        Mkdirs(dir + "/fdinfo");
+        WriteFile(dir + "/comm", "app." + std::to_string(pid) + "\n");
+
+        std::string maps;
+        maps.reserve(maps_lines * 120);
+        unsigned long addr = 0x12c00000UL;
+        for (int m = 0; m < maps_lines; m++) {
+            unsigned long len = 0x1000UL * (1 + m % 7);
+            if (m % (maps_lines / dmabuf_maps) == 0) {
+                int k = m / (maps_lines / dmabuf_maps);
+                unsigned long inode = first_inode + (p * 3 + k * 7) % buffers;
+                snprintf(line, sizeof(line), "%lx-%lx rw-s 00000000 00:0a %-26lu /dmabuf:\n", addr,
+                         addr + len, inode);
+            } else {
+                const char* name = kNames[m % 10];
+                const char* perms = (m % 3 == 0) ? "r-xp" : (m % 3 == 1) ? "r--p" : "rw-p";
+                snprintf(line, sizeof(line), "%lx-%lx %s %08lx fd:05 %-26lu %s\n", addr, addr + len,
+                         perms, (unsigned long)(m % 50) * 0x1000, *name ? 1234567UL + m % 97 : 0UL,
+                         name);
+            }
+            maps += line;
+            addr += len + 0x1000;
+        }
+        WriteFile(dir + "/maps", maps);
+
+        for (int fd = 0; fd < fds; fd++) {
+            std::string info;
+            if (fd >= 10 && fd < 10 + dmabuf_fds) {
+                unsigned long inode = first_inode + (p * 5 + fd * 11) % buffers;
+                snprintf(line, sizeof(line),
+                         "pos:\t0\nflags:\t02000002\nmnt_id:\t15\nino:\t%lu\nsize:\t%lu\ncount:\t3\n"
+                         "exp_name:\tsystem\nname:\tgralloc\n",
+                         inode, 4096UL << ((inode - first_inode) % 9));
+            } else {
+                snprintf(line, sizeof(line), "pos:\t0\nflags:\t0%o\nmnt_id:\t%d\nino:\t%d\n",
+                         02000002, 20 + fd % 4, 5000 + fd);
+            }
+            WriteFile(dir + "/fdinfo/" + std::to_string(fd), line);
+        }
+    }
+    WriteFile(root + "/proc/meminfo",
+              "MemTotal:        7833664 kB\nShmem:             52440 kB\nSUnreclaim:       183204 kB\n"
+              "KernelStack:       49760 kB\nPageTables:       131020 kB\nVmallocUsed:      244176 kB\n");
+    // gzopen() reads a file that is not compressed as it is.
+    WriteFile(root + "/proc/config.gz", "CONFIG_VMAP_STACK=y\n");
+    return 0;
+}
