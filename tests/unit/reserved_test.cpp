@@ -201,7 +201,6 @@ class RegionLists : public ::testing::Test {
     void TearDown() override { release_region_lists(); }
 
     static void AddMemory(uint64_t start, uint64_t end) { AddEntry(&memblock_memory_list, start, end); }
-    static void AddReserved(uint64_t start, uint64_t end) { AddEntry(&memblock_reserved_list, start, end); }
     static reserved_region* AddRegion(const char* type, const char* name, uint64_t addr, uint64_t size) {
         auto* r = static_cast<reserved_region*>(calloc(1, sizeof(reserved_region)));
         snprintf(r->type, sizeof(r->type), "%s", type);
@@ -279,15 +278,6 @@ TEST_F(RegionLists, BpHoleIsSignedWhenNoMapExceedsHoles) {
     EXPECT_EQ(-2, bp);
 }
 
-TEST_F(RegionLists, BpHoleBankBasesAndFirstRangeAddNoHole) {
-    AddMemory(0x90000000, 0xa0000000);   // first: nothing in front, wherever it starts
-    AddMemory(0x880000000, 0x890000000);  // second bank base
-    AddMemory(0x8a0000000, 0x8b0000000);  // 256 MiB after the previous end
-    unsigned long memhole, inhole;
-    EXPECT_EQ(262144, cal_bp_hole_size(&memhole, &inhole));
-    EXPECT_EQ(262144u, memhole);
-}
-
 TEST_F(RegionLists, AddressLookupDdrBoundaries) {
     for (unsigned long addr : {0x0UL, 0x7fffffffUL, 0x100000000UL, 0x87fffffffUL, 0x1000000000UL, ~0UL}) {
         char want[64];
@@ -300,22 +290,6 @@ TEST_F(RegionLists, AddressLookupDdrBoundaries) {
         snprintf(want, sizeof(want), "0x%lx is in bp hole\n", addr);
         EXPECT_EQ(want, Lookup(addr));
     }
-}
-
-TEST_F(RegionLists, AddressLookupOrder) {
-    AddRegion("fdt_no-map", "modem_region", 0x8b800000, 115343360);
-    AddRegion("fdt_no-map", "inner", 0x8b900000, 0x100000);  // later in the file: never named
-    AddRegion("fdt_no-map", "outside", 0x70000000, 0x20000000);
-    AddMemory(0x80000000, 0x8b800000);
-    AddMemory(0x92600000, 0x100000000);
-    AddReserved(0x92600000, 0x92700000);
-
-    EXPECT_EQ("0x8b900000 is in [fdt_no-map] modem_region, 0x8b800000~0x925fffff\n", Lookup(0x8b900000));
-    EXPECT_EQ("0x925fffff is in [fdt_no-map] modem_region, 0x8b800000~0x925fffff\n", Lookup(0x925fffff));
-    EXPECT_EQ("0x8b7fffff is in [fdt_no-map] outside, 0x70000000~0x8fffffff\n", Lookup(0x8b7fffff));
-    EXPECT_EQ("0x926fffff is in reserved memory\n", Lookup(0x926fffff));
-    EXPECT_EQ("0x92700000 is for HLOS use\n", Lookup(0x92700000));
-    EXPECT_EQ("0x880000000 is in bp hole\n", Lookup(0x880000000));
 }
 
 }  // namespace
