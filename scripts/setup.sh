@@ -4,6 +4,7 @@
 #   setup.sh fuzz     also clang with its fuzzer runtime
 #   setup.sh cross    also the arm64 cross compiler, arm64 zlib and the user-mode emulator
 #   setup.sh valgrind also valgrind and the C library's symbols it needs
+#   setup.sh lab      also what the device lab needs to build and boot its kernel
 # As root it installs with apt-get; otherwise it names the missing packages and fails.
 set -euo pipefail
 
@@ -13,6 +14,8 @@ for extra in "$@"; do
     fuzz) want+=(clang libclang-rt-14-dev) ;;
     cross) want+=(g++-aarch64-linux-gnu qemu-user-static zlib1g-dev:arm64 libc6-dev:arm64) ;;
     valgrind) want+=(valgrind libc6-dbg) ;;
+    lab) want+=(linux-source-6.1 bc bison flex libssl-dev libelf-dev device-tree-compiler
+                qemu-system-arm cpio gcc-aarch64-linux-gnu binutils-aarch64-linux-gnu file) ;;
     *) echo "setup.sh: unknown extra: $extra" >&2; exit 2 ;;
   esac
 done

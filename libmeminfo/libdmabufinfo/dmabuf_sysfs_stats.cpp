@@ -56,12 +56,17 @@ static bool ReadUintFromFile(const std::string& path, uint64_t* value) {
 
 static bool IsDotEntry(const char* name) { return !strcmp(name, ".") || !strcmp(name, ".."); }
 
-bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path) {
+static DirPtr OpenBuffersDir(const std::string& path) {
     DirPtr dir(opendir(path.c_str()), closedir);
     if (!dir) {
         PLOG(ERROR) << "Unable to access: " << path;
-        return false;
     }
+    return dir;
+}
+
+bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path) {
+    DirPtr dir = OpenBuffersDir(path);
+    if (!dir) return false;
     *stats = DmabufSysfsStats();
 
     // Entries are not filtered by type: anything in this directory stands for a buffer, and
@@ -98,11 +103,8 @@ bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path) {
 }
 
 bool GetDmabufTotalExportedKb(uint64_t* total_exported, const std::string& path) {
-    DirPtr dir(opendir(path.c_str()), closedir);
-    if (!dir) {
-        PLOG(ERROR) << "Unable to access: " << path;
-        return false;
-    }
+    DirPtr dir = OpenBuffersDir(path);
+    if (!dir) return false;
     *total_exported = 0;
     while (struct dirent* entry = readdir(dir.get())) {
         if (IsDotEntry(entry->d_name)) continue;

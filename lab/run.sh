@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# The device lab: boots an emulated arm64 board with a real Linux kernel and a phone-like
+# memory layout, runs all five modes of the given static arm64 quarrystat inside it and checks
+# them against the kernel's own files; then replays a capture taken in the guest on this host
+# and checks that every report matches what the tool printed live.
+#   lab/run.sh [BINARY]      (default build/aarch64/tool/quarrystat)
+# Prints "N passed, N failed"; exits non-zero on any failure. The kernel is built once and
+# cached (lab/kernel/build.sh).
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+top=$(dirname "$here")
+binary=$(realpath "${1:-$top/build/aarch64/tool/quarrystat}")
+cache=${QUARRY_LAB_CACHE:-/var/cache/quarrystat-lab}
+"$top/scripts/setup.sh" cross lab
+
+start=$(date +%s)
+image=$("$here/kernel/build.sh")
+echo "lab: kernel $image ($(( $(date +%s) - start )) s)"
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+# A static arm64 busybox, taken from Debian's package without installing it on the host.
+busybox=$cache/busybox-arm64
+if [ ! -x "$busybox" ]; then
+  (cd "$work" && apt-get download -q busybox-static:arm64 >/dev/null && dpkg-deb -x busybox-static_*_arm64.deb bb)
+  cp bb/bin/busybox "$busybox"
+fi
+
+mkdir -p root/bin root/lab root/proc root/sys root/dev root/tmp
+cp "$busybox" root/bin/busybox
+cp "$here/guest/init" root/init
+cp "$here/guest/checks.sh" "$here/capture.sh" root/lab/
+cp "$binary" root/lab/quarrystat
+aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c"
+chmod +x root/init root/lab/*
+(cd root && find . | cpio -o -H newc --quiet) >initrd.cpio
+
+# QEMU's own device tree with the board's memory layout merged in.
+qemu() {
+  qemu-system-aarch64 -M virt,memory-backend=ram -cpu cortex-a57 -smp 1 -m 34G \
+    -object memory-backend-ram,id=ram,size=34G,reserve=off -nic none -display none -monitor none "$@"
+}
+qemu -M virt,dumpdtb=virt.dtb -serial none
+dtc -q -I dtb -O dts -o virt.dts virt.dtb
+initrd_end=$(printf '0x%x' $((0x8a100000 + $(stat -c %s initrd.cpio))))
+sed "s/@INITRD_END@/$initrd_end/" "$here/boot/device.dts.in" >device.dts
+dtc -q -I dts -O dtb -o lab.dtb device.dts
+aarch64-linux-gnu-as "$here/boot/stub.S" -o stub.o
+aarch64-linux-gnu-objcopy -O binary stub.o stub.bin
+
+start=$(date +%s)
+timeout 600 qemu -no-reboot -serial file:console.log \
+  -device loader,file=stub.bin,addr=0x40000000,cpu-num=0 \
+  -device loader,file="$image",addr=0x80200000 \
+  -device loader,file=lab.dtb,addr=0x8a000000 \
+  -device loader,file=initrd.cpio,addr=0x8a100000 || true
+tr -d '\r' <console.log >console.txt
+echo "lab: guest ran for $(( $(date +%s) - start )) s"
+grep -q QUARRY-LAB-DONE console.txt || { echo "lab: the guest did not finish"; tail -40 console.txt; exit 1; }
+
+passed=$(grep -c '^ok ' console.txt || true)
+failed=$(grep -c '^FAIL ' console.txt || true)
+grep -E '^(ok|FAIL) ' console.txt
+
+# Replay the capture on this host and compare each report with the live one.
+sed -n '/^QUARRY-CAPTURE-BEGIN$/,/^QUARRY-CAPTURE-END$/p' console.txt | sed '1d;$d' | base64 -d >capture.tar.gz
+awk '/^QUARRY-REPORT-BEGIN / { args = substr($0, 22); n++; file = "live." n; print args > ("args." n); next }
+     /^QUARRY-REPORT-END / { file = ""; next }
+     file != "" { print > file }' console.txt
+for args_file in args.*; do
+  n=${args_file#args.}
+  args=$(cat "$args_file")
+  touch "live.$n"
+  # shellcheck disable=SC2086
+  "$here/replay.sh" capture.tar.gz "$binary" $args >"replay.$n" 2>/dev/null || true
+  if cmp -s "live.$n" "replay.$n"; then
+    echo "ok replay of quarrystat $args matches the live report"
+    passed=$((passed + 1))
+  else
+    echo "FAIL replay of quarrystat $args differs from the live report"
+    diff "live.$n" "replay.$n" | head -20
+    failed=$((failed + 1))
+  fi
+done
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
