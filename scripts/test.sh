@@ -3,11 +3,13 @@
 #   1. the static release build: unit tests, end-to-end cases, live kernel checks (ctest);
 #   2. the same suite built with AddressSanitizer and UndefinedBehaviorSanitizer;
 #   3. the static arm64 build, end to end under user-mode emulation, same golden outputs;
-#   4. the end-to-end cases under valgrind memcheck (leaks, errors, descriptors left open);
-#   5. every fuzz target for FUZZ_SECONDS (default 20) each.
+#   4. the device lab: the arm64 binary in an emulated arm64 board with a real kernel, checked
+#      against the kernel's own files, and a capture replayed on this host (lab/run.sh);
+#   5. the end-to-end cases under valgrind memcheck (leaks, errors, descriptors left open);
+#   6. every fuzz target for FUZZ_SECONDS (default 20) each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh fuzz cross valgrind
+scripts/setup.sh fuzz cross valgrind lab
 for preset in default asan; do
   echo "=== $preset build"
   scripts/build.sh "$preset" >/dev/null
@@ -17,6 +19,8 @@ done
 echo "=== arm64 build, end to end under emulation"
 scripts/build.sh aarch64 >/dev/null
 QEMU=/usr/bin/qemu-aarch64-static scripts/e2e.sh build/aarch64/tool/quarrystat
+echo "=== device lab"
+lab/run.sh build/aarch64/tool/quarrystat
 echo "=== end to end under valgrind"
 scripts/build.sh dynamic >/dev/null
 VALGRIND=memcheck scripts/e2e.sh build/dynamic/tool/quarrystat

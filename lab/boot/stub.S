@@ -1,4 +1,4 @@
-// Boot stub: QEMU starts the CPU here (loaded with -device loader, which leaves the device
+// Boot stub, at 0x40400000 (QEMU keeps its own tree at 0x40000000): QEMU starts the CPU here (loaded with -device loader, which leaves the device
 // tree as we wrote it, where -kernel would rewrite its memory node). It does what a boot
 // loader does for an arm64 Image: x0 = device tree, x1..x3 = 0, jump to the Image.
 	.globl	_start
