@@ -14,16 +14,21 @@ trap 'rm -f "$out" "$err"' EXIT
 # -n: the five counters as /proc/meminfo has them, the VMAP_STACK branch as config.gz says, and
 # a total that is their sum plus the unmapped line.
 if [ -r /proc/config.gz ] && [ -r /proc/meminfo ]; then
+  before=$(mktemp)
+  cp /proc/meminfo "$before"
   timeout 120 "$binary" -n >"$out" 2>"$err"
   check "-n exits 0" $?
   for key in Shmem SUnreclaim PageTables VmallocUsed KernelStack; do
-    want=$(awk -v k="$key:" '$1 == k { print $2 }' /proc/meminfo)
     got=$(awk -v k="$key:" '$1 == k { print $2 }' "$out")
-    # Counters move between the two reads; a busy machine may differ a little.
-    diff=$(( ${got:-0} > ${want:-0} ? ${got:-0} - ${want:-0} : ${want:-0} - ${got:-0} ))
-    [ -n "$got" ] && [ "$diff" -le $(( ${want:-0} / 10 + 1024 )) ]
-    check "-n $key close to /proc/meminfo ($got vs $want)" $?
+    # The counters move while the machine works: the value must lie between what
+    # /proc/meminfo said just before and just after the run, give or take a quarter.
+    read -r lo hi < <(awk -v k="$key:" '$1 == k { v[n++] = $2 }
+        END { lo = v[0] < v[1] ? v[0] : v[1]; hi = v[0] < v[1] ? v[1] : v[0]
+              print int(lo * 0.75) - 1024, int(hi * 1.25) + 1024 }' "$before" /proc/meminfo)
+    [ -n "$got" ] && [ "$got" -ge "$lo" ] && [ "$got" -le "$hi" ]
+    check "-n $key $got within [$lo, $hi] of /proc/meminfo" $?
   done
+  rm -f "$before"
   if zcat /proc/config.gz | grep '^CONFIG_VMAP_STACK=y' >/dev/null; then
     ! grep -q 'CONFIG_VMAP_STACK is not set.' "$out"
   else
