@@ -35,7 +35,8 @@ static const char* const kNames[] = {
     "[anon:dalvik-main space (region space)]",
     "/system/lib64/libc.so",
     "/apex/com.android.art/lib64/libart.so",
-    "/data/app/~~Xk3P2dQz1m9V_fLw8a7JbA==/com.example.messenger-7rYbq1XnC2Wp0sZt4uVdKg==/oat/arm64/base.odex",
+    "/data/app/~~Xk3P2dQz1m9V_fLw8a7JbA==/com.example.messenger-7rYbq1XnC2Wp0sZt4uVdKg==/oat/arm64/"
+    "base.odex",
     "[anon:scudo:primary]",
     "/dev/ashmem/shared_memory/2f7a9c1e (deleted)",
     "/system/framework/arm64/boot-framework.oat",
@@ -96,10 +97,11 @@ int main(int argc, char** argv) {
             std::string info;
             if (fd >= 10 && fd < 10 + dmabuf_fds) {
                 unsigned long inode = first_inode + (p * 5 + fd * 11) % buffers;
-                snprintf(line, sizeof(line),
-                         "pos:\t0\nflags:\t02000002\nmnt_id:\t15\nino:\t%lu\nsize:\t%lu\ncount:\t3\n"
-                         "exp_name:\tsystem\nname:\tgralloc\n",
-                         inode, 4096UL << ((inode - first_inode) % 9));
+                snprintf(
+                    line, sizeof(line),
+                    "pos:\t0\nflags:\t02000002\nmnt_id:\t15\nino:\t%lu\nsize:\t%lu\ncount:\t3\n"
+                    "exp_name:\tsystem\nname:\tgralloc\n",
+                    inode, 4096UL << ((inode - first_inode) % 9));
             } else {
                 snprintf(line, sizeof(line), "pos:\t0\nflags:\t0%o\nmnt_id:\t%d\nino:\t%d\n",
                          02000002, 20 + fd % 4, 5000 + fd);
@@ -107,9 +109,10 @@ int main(int argc, char** argv) {
             WriteFile(dir + "/fdinfo/" + std::to_string(fd), line);
         }
     }
-    WriteFile(root + "/proc/meminfo",
-              "MemTotal:        7833664 kB\nShmem:             52440 kB\nSUnreclaim:       183204 kB\n"
-              "KernelStack:       49760 kB\nPageTables:       131020 kB\nVmallocUsed:      244176 kB\n");
+    WriteFile(
+        root + "/proc/meminfo",
+        "MemTotal:        7833664 kB\nShmem:             52440 kB\nSUnreclaim:       183204 kB\n"
+        "KernelStack:       49760 kB\nPageTables:       131020 kB\nVmallocUsed:      244176 kB\n");
     // gzopen() reads a file that is not compressed as it is.
     WriteFile(root + "/proc/config.gz", "CONFIG_VMAP_STACK=y\n");
     return 0;

@@ -54,7 +54,8 @@ int main(int argc, char** argv) {
     int n = atoi(argv[1]), maps = atoi(argv[2]);
     std::string dir = "/tmp/quarry-bench-load.";
     dir += std::to_string(getpid());
-    std::string file = dir + "/" + std::string(120, 'l') + "/vendor/lib64/libsynthetic_long_name.so";
+    std::string file =
+        dir + "/" + std::string(120, 'l') + "/vendor/lib64/libsynthetic_long_name.so";
     if (mkdir(dir.c_str(), 0755) || mkdir((dir + "/" + std::string(120, 'l')).c_str(), 0755) ||
         mkdir((dir + "/" + std::string(120, 'l') + "/vendor").c_str(), 0755) ||
         mkdir((dir + "/" + std::string(120, 'l') + "/vendor/lib64").c_str(), 0755))

@@ -2,6 +2,7 @@
 // and its peak resident memory:  qbench [--chroot DIR] RUNS COMMAND [ARGS...]
 // With --chroot the command runs inside DIR (the harness must be root), so the tool's own
 // process is the one measured, without a shell or chroot(1) in between.
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,7 +10,6 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
-#include <fcntl.h>
 
 #include <algorithm>
 #include <vector>

@@ -62,12 +62,24 @@ bool ParseMapLine(const char* line, MapInfo* info) {
 
     p = SkipBlanks(p);
     uint16_t flags = 0;
-    if (p[0] == 'r') flags |= PROT_READ; else if (p[0] != '-') return false;
-    if (p[1] == 'w') flags |= PROT_WRITE; else if (p[1] != '-') return false;
-    if (p[2] == 'x') flags |= PROT_EXEC; else if (p[2] != '-') return false;
-    if (p[3] == 's') info->shared = true;
-    else if (p[3] == 'p') info->shared = false;
-    else return false;
+    if (p[0] == 'r')
+        flags |= PROT_READ;
+    else if (p[0] != '-')
+        return false;
+    if (p[1] == 'w')
+        flags |= PROT_WRITE;
+    else if (p[1] != '-')
+        return false;
+    if (p[2] == 'x')
+        flags |= PROT_EXEC;
+    else if (p[2] != '-')
+        return false;
+    if (p[3] == 's')
+        info->shared = true;
+    else if (p[3] == 'p')
+        info->shared = false;
+    else
+        return false;
     if (p[4] != ' ') return false;
     info->flags = flags;
     p = SkipBlanks(p + 5);

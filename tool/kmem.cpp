@@ -17,11 +17,8 @@ static const struct {
     const char *key;
     bool is_stack;
 } meminfo_keys[] = {
-    {"Shmem:", false},
-    {"SUnreclaim:", false},
-    {"PageTables:", false},
-    {"VmallocUsed:", false},
-    {"KernelStack:", true},
+    {"Shmem:", false},       {"SUnreclaim:", false}, {"PageTables:", false},
+    {"VmallocUsed:", false}, {"KernelStack:", true},
 };
 
 /* True when the running kernel's configuration says its stacks are vmalloc-backed. A read

@@ -86,7 +86,8 @@ int parse_reserved_memory_stat(void)
     while (fgets(line, sizeof(line), fp)) {
         if (parse_region_line(line, &parsed))
             continue;
-        auto *region = static_cast<struct reserved_region *>(malloc(sizeof(struct reserved_region)));
+        auto *region =
+            static_cast<struct reserved_region *>(malloc(sizeof(struct reserved_region)));
         if (!region) {
             ret = -ENOMEM;
             break;
@@ -399,9 +400,10 @@ int print_reserved_report(void)
             print_kernel_ranges(mb_reserved, cma, bp);
         if (strstr(line, "Summary")) {
             printf("ReservedMemoryTotal %ld KB ?=\n", total);
-            printf("%ld KB = bp hole(%ld KB) + fdt_nomap(%ld KB) + mb_reserved(%ld KB) - "
-                   "cma_total(%ld KB)\n\n",
-                   nomap + mb_reserved - cma + bp, bp, nomap, mb_reserved, cma);
+            printf(
+                "%ld KB = bp hole(%ld KB) + fdt_nomap(%ld KB) + mb_reserved(%ld KB) - "
+                "cma_total(%ld KB)\n\n",
+                nomap + mb_reserved - cma + bp, bp, nomap, mb_reserved, cma);
             printf("bootloader_memhole(%ld KB) = bp hole(%ld KB) + fdt_nomap_inhole(%ld KB)\n\n",
                    static_cast<long>(memhole), bp, static_cast<long>(nomap_inhole));
             printf("fdt nomap(%ld KB) = fdt_nomap_inkernel (%ld KB) + fdt_nomap_inhole(%ld KB)\n\n",

@@ -8,30 +8,30 @@
 
 /* Where a no-map region stands against the memblock memory ranges. */
 enum {
-	HOLE_OUTSIDE = 0, /* wholly in a hole */
-	HOLE_ACROSS = 1,  /* reaches across the start or the end of a memory range */
-	HOLE_INSIDE = 2,  /* wholly inside a memory range */
+    HOLE_OUTSIDE = 0, /* wholly in a hole */
+    HOLE_ACROSS = 1,  /* reaches across the start or the end of a memory range */
+    HOLE_INSIDE = 2,  /* wholly inside a memory range */
 };
 
 struct reserved_region {
-	char name[64];
-	char type[20];
-	uint64_t addr;
-	uint64_t size; /* bytes */
-	uint32_t hole_flag;
-	struct list_head list;
+    char name[64];
+    char type[20];
+    uint64_t addr;
+    uint64_t size; /* bytes */
+    uint32_t hole_flag;
+    struct list_head list;
 };
 
 struct memblock_entry {
-	uint8_t index;
-	uint64_t base;
-	uint64_t size; /* bytes */
-	struct list_head list;
+    uint8_t index;
+    uint64_t base;
+    uint64_t size; /* bytes */
+    struct list_head list;
 };
 
 struct kernel_code_data_region {
-	uint64_t addr;
-	uint64_t size; /* KB */
+    uint64_t addr;
+    uint64_t size; /* KB */
 };
 
 extern struct list_head reserved_list;

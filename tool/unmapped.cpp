@@ -4,8 +4,11 @@
  * fails as a whole and is run again from an empty list. */
 #include "unmapped.h"
 
+#include <base/stringprintf.h>
 #include <dirent.h>
+#include <dmabufinfo/dmabuf_sysfs_stats.h>
 #include <inttypes.h>
+#include <meminfo/sysmeminfo.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -14,10 +17,6 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
-
-#include <base/stringprintf.h>
-#include <dmabufinfo/dmabuf_sysfs_stats.h>
-#include <meminfo/sysmeminfo.h>
 
 #include "paths.h"
 

@@ -2,9 +2,9 @@
  * memory report (-n) and the per-buffer report (-u). */
 #pragma once
 
-#include <vector>
-
 #include <dmabufinfo/dmabufinfo.h>
+
+#include <vector>
 
 /* Collects every buffer some process maps. 0, or -1 when a process's maps could not be read;
  * exits the program with status 1 when /proc cannot be opened. */

@@ -27,9 +27,8 @@ bool ParseSysfsUint(std::string_view text, uint64_t* value) {
     while (i < text.size() && IsSpace(text[i])) i++;
     std::string number(text.substr(i));
     if (number.empty() || number[0] == '-') return false;
-    int base = (number.size() > 1 && number[0] == '0' && (number[1] == 'x' || number[1] == 'X'))
-                   ? 16
-                   : 10;
+    int base =
+        (number.size() > 1 && number[0] == '0' && (number[1] == 'x' || number[1] == 'X')) ? 16 : 10;
     char* end;
     errno = 0;
     unsigned long long parsed = strtoull(number.c_str(), &end, base);
@@ -91,8 +90,8 @@ bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path) {
 
         stats->total_.size += info.size;
         stats->total_.count++;
-        auto [it, inserted] = stats->exporter_totals_.try_emplace(info.exporter_name,
-                                                                  DmabufTotal{info.size, 1});
+        auto [it, inserted] =
+            stats->exporter_totals_.try_emplace(info.exporter_name, DmabufTotal{info.size, 1});
         if (!inserted) {
             it->second.size += info.size;
             it->second.count++;
@@ -120,8 +119,7 @@ bool GetDmabufTotalExportedKb(uint64_t* total_exported, const std::string& path)
 
 bool ReadBufferExporter(unsigned int inode, std::string* exporter,
                         const std::string& dmabuf_sysfs_path) {
-    std::string path =
-        base::StringPrintf("%s/%u/exporter_name", dmabuf_sysfs_path.c_str(), inode);
+    std::string path = base::StringPrintf("%s/%u/exporter_name", dmabuf_sysfs_path.c_str(), inode);
     return base::ReadFileToString(path, exporter, false);
 }
 

@@ -101,7 +101,8 @@ static DmaBuffer* FindBuffer(std::vector<DmaBuffer>* dmabufs, uint64_t inode) {
 }
 
 static DmaBuffer* AppendBuffer(std::vector<DmaBuffer>* dmabufs, uint64_t inode, uint64_t size,
-                               uint64_t count, const std::string& exporter, const std::string& name) {
+                               uint64_t count, const std::string& exporter,
+                               const std::string& name) {
     dmabufs->emplace_back(inode, size, count, exporter, name);
     inode_index.Appended(dmabufs);
     return &dmabufs->back();
@@ -139,9 +140,10 @@ class LineReader {
 
     char* Next() {
         for (;;) {
-            char* newline = end_ > start_ ? static_cast<char*>(memchr(buf_.data() + start_, '\n',
-                                                                       end_ - start_))
-                                          : nullptr;
+            char* newline =
+                end_ > start_
+                    ? static_cast<char*>(memchr(buf_.data() + start_, '\n', end_ - start_))
+                    : nullptr;
             if (newline != nullptr) {
                 *newline = '\0';
                 char* line = buf_.data() + start_;
@@ -220,7 +222,8 @@ void ParseFdInfoLine(const char* line, FdInfo* info) {
     }
 }
 
-static FdInfoStatus ReadFdInfoFile(pid_t pid, int fd, const std::string& procfs_path, FdInfo* info) {
+static FdInfoStatus ReadFdInfoFile(pid_t pid, int fd, const std::string& procfs_path,
+                                   FdInfo* info) {
     std::string path = base::StringPrintf("%s/%d/fdinfo/%d", procfs_path.c_str(), pid, fd);
     *info = FdInfo();
     LineReader in(path, 4096);
@@ -300,7 +303,8 @@ bool ReadDmaBufFdRefs(pid_t pid, std::vector<DmaBuffer>* dmabufs, const std::str
                 buf->set_exporter(info.exporter);
             if (buf->count() == 0) buf->set_count(info.count);
         } else {
-            buf = AppendBuffer(dmabufs, info.inode, info.size, info.count, info.exporter, info.name);
+            buf =
+                AppendBuffer(dmabufs, info.inode, info.size, info.count, info.exporter, info.name);
         }
         buf->RecordFdRef(pid);
     }

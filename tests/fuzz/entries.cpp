@@ -1,12 +1,11 @@
 #include "entries.h"
 
+#include <dmabufinfo/dmabuf_sysfs_stats.h>
+#include <procinfo/process_map.h>
 #include <string.h>
 
 #include <string>
 #include <string_view>
-
-#include <dmabufinfo/dmabuf_sysfs_stats.h>
-#include <procinfo/process_map.h>
 
 #include "fdinfo.h"
 #include "fields.h"
@@ -45,8 +44,8 @@ void FuzzMaps(const uint8_t* data, size_t size) {
 
 void FuzzSysfsNumber(const uint8_t* data, size_t size) {
     uint64_t value;
-    android::dmabufinfo::ParseSysfsUint(
-        std::string_view(reinterpret_cast<const char*>(data), size), &value);
+    android::dmabufinfo::ParseSysfsUint(std::string_view(reinterpret_cast<const char*>(data), size),
+                                        &value);
 }
 
 void FuzzFdInfo(const uint8_t* data, size_t size) {
@@ -64,8 +63,8 @@ void FuzzReservedStat(const uint8_t* data, size_t size) {
     ForEachPiece(data, size, [](const char* line) {
         reserved_region region;
         long kb;
-        if (parse_region_line(line, &region) == 0 &&
-            (strlen(region.name) >= sizeof(region.name) || strlen(region.type) >= sizeof(region.type)))
+        if (parse_region_line(line, &region) == 0 && (strlen(region.name) >= sizeof(region.name) ||
+                                                      strlen(region.type) >= sizeof(region.type)))
             __builtin_trap();
         parse_size_kb(line, &kb);
     });
@@ -103,8 +102,9 @@ void FuzzKmodule(const uint8_t* data, size_t size) {
 
 const std::map<std::string, FuzzEntry>& FuzzEntries() {
     static const std::map<std::string, FuzzEntry> entries = {
-        {"maps", FuzzMaps},         {"sysfs_number", FuzzSysfsNumber}, {"fdinfo", FuzzFdInfo},
-        {"reserved", FuzzReservedStat}, {"memblock", FuzzMemblock},    {"iomem", FuzzIomem},
+        {"maps", FuzzMaps},         {"sysfs_number", FuzzSysfsNumber},
+        {"fdinfo", FuzzFdInfo},     {"reserved", FuzzReservedStat},
+        {"memblock", FuzzMemblock}, {"iomem", FuzzIomem},
         {"meminfo", FuzzMeminfo},   {"kmodule", FuzzKmodule},
     };
     return entries;

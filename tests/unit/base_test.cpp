@@ -1,11 +1,10 @@
 // Our platform layer: formatting, trimming, file reads that refuse a final link, logging.
-#include <errno.h>
-#include <gtest/gtest.h>
-
 #include <base/file.h>
 #include <base/logging.h>
 #include <base/stringprintf.h>
 #include <base/strings.h>
+#include <errno.h>
+#include <gtest/gtest.h>
 
 #include "temp_tree.h"
 

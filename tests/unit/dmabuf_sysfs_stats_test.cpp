@@ -1,7 +1,6 @@
 // DMA-BUF sysfs statistics: the walk, its totals, the number rule and the single-buffer reads.
-#include <gtest/gtest.h>
-
 #include <dmabufinfo/dmabuf_sysfs_stats.h>
+#include <gtest/gtest.h>
 
 #include "temp_tree.h"
 
@@ -21,13 +20,26 @@ TEST(ParseSysfsUint, NumberRule) {
         bool ok;
         uint64_t value;
     } cases[] = {
-        {"4096", true, 4096},         {"0x1000", true, 4096},     {"0X1000", true, 4096},
-        {"010", true, 10},            {"  \t7", true, 7},         {"0", true, 0},
+        {"4096", true, 4096},
+        {"0x1000", true, 4096},
+        {"0X1000", true, 4096},
+        {"010", true, 10},
+        {"  \t7", true, 7},
+        {"0", true, 0},
         {"18446744073709551615", true, UINT64_MAX},
-        {"18446744073709551616", false, 0},                       // overflow
-        {"-1", false, 0},             {" -1", false, 0},          {"", false, 0},
-        {"   ", false, 0},            {"4096 KB", false, 0},      {"4096\n", false, 0},
-        {"0x", false, 0},             {"12abc", false, 0},        {std::string_view("81\0" "92", 5), false, 0},
+        {"18446744073709551616", false, 0},  // overflow
+        {"-1", false, 0},
+        {" -1", false, 0},
+        {"", false, 0},
+        {"   ", false, 0},
+        {"4096 KB", false, 0},
+        {"4096\n", false, 0},
+        {"0x", false, 0},
+        {"12abc", false, 0},
+        {std::string_view("81\0"
+                          "92",
+                          5),
+         false, 0},
     };
     for (const auto& c : cases) {
         uint64_t value = 99;
@@ -80,7 +92,8 @@ TEST(GetDmabufSysfsStats, EmptyAndMissingDirectory) {
     EXPECT_EQ(5u, kb);
     EXPECT_FALSE(GetDmabufSysfsStats(&stats, t.Path("none")));
     ASSERT_EQ(2u, log.messages().size());
-    EXPECT_EQ("Unable to access: " + t.Path("none") + ": No such file or directory", log.messages()[1]);
+    EXPECT_EQ("Unable to access: " + t.Path("none") + ": No such file or directory",
+              log.messages()[1]);
 }
 
 TEST(GetDmabufSysfsStats, FailuresStopTheWalk) {
@@ -109,8 +122,9 @@ TEST(GetDmabufSysfsStats, FailuresStopTheWalk) {
     TempTree v;
     v.Write("buffers/9/size", "4096\n");  // no exporter_name
     EXPECT_FALSE(GetDmabufSysfsStats(&stats, v.Path("buffers")));
-    EXPECT_EQ("Unable to access " + v.Path("buffers") + "/9/exporter_name: No such file or directory",
-              log.messages().back());
+    EXPECT_EQ(
+        "Unable to access " + v.Path("buffers") + "/9/exporter_name: No such file or directory",
+        log.messages().back());
 }
 
 TEST(ReadBuffer, ExporterKeepsNewlineSizeFollowsRule) {

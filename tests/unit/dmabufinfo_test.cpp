@@ -1,4 +1,5 @@
 // Buffer records and the per-process fd and mapping readers, on temporary /proc and sysfs trees.
+#include <dmabufinfo/dmabufinfo.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -6,8 +7,6 @@
 
 #include <string>
 #include <vector>
-
-#include <dmabufinfo/dmabufinfo.h>
 
 #include "temp_tree.h"
 
@@ -50,7 +49,8 @@ TEST(DmaBuffer, ReferencesAndCopies) {
     buf.RecordMapRef(300);
     copy.RecordFdRef(12);
     EXPECT_EQ(std::set<pid_t>({7, 300}), buf.pids());
-    EXPECT_EQ(std::vector<pid_t>({7, 12}), std::vector<pid_t>(copy.pids().begin(), copy.pids().end()));
+    EXPECT_EQ(std::vector<pid_t>({7, 12}),
+              std::vector<pid_t>(copy.pids().begin(), copy.pids().end()));
     EXPECT_EQ(4u, buf.total_refs());
     EXPECT_EQ(4u, copy.total_refs());
     EXPECT_EQ(0u, copy.maprefs().count(300));
@@ -84,7 +84,8 @@ TEST(ReadDmaBufFdRefs, RecordsHeldBuffersOnce) {
 
 TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
     TempTree t;
-    t.Write("proc/9/fdinfo/3", "size:\t8192\ncount:\tlots\nexp_name:\t  \ninode:\t1\nino:\t1\nname:\tcam\n");
+    t.Write("proc/9/fdinfo/3",
+            "size:\t8192\ncount:\tlots\nexp_name:\t  \ninode:\t1\nino:\t1\nname:\tcam\n");
     std::vector<DmaBuffer> bufs;
     bufs.emplace_back(1, 4096, 0, "<unknown>", "<unknown>");
     bufs.emplace_back(2, 4096, 0, "system", "kept");
@@ -120,11 +121,12 @@ TEST(ReadDmaBufFdRefs, Failures) {
         LogCapture log;
         EXPECT_FALSE(ReadDmaBufFdRefs(5, &bufs, t.Path("proc")));  // process gone
         ASSERT_EQ(1u, log.messages().size());
-        EXPECT_EQ("Failed to open " + t.Path("proc") + "/5/fdinfo directory: No such file or directory",
-                  log.messages()[0]);
+        EXPECT_EQ(
+            "Failed to open " + t.Path("proc") + "/5/fdinfo directory: No such file or directory",
+            log.messages()[0]);
     }
     t.Mkdir("proc/7/fdinfo");
-    t.Write("proc/7/fdinfo/x1", "exp_name:\tsystem\n");     // not a descriptor number: skipped
+    t.Write("proc/7/fdinfo/x1", "exp_name:\tsystem\n");  // not a descriptor number: skipped
     // A hexadecimal name is read as fd 16, whose fdinfo file "16" does not exist: the
     // descriptor counts as closed meanwhile and is skipped without a message.
     t.Write("proc/7/fdinfo/0x10", FdInfo(3, 4096, 1, "system"));
@@ -147,7 +149,8 @@ TEST(ReadDmaBufFdRefs, PermissionMessageOnce) {
     t.Chmod("proc/2/fdinfo", 0700);
     t.Chmod("proc/3/fdinfo/3", 0600);
     const std::string hint =
-        "Failed to read fdinfo - requires either PTRACE_MODE_READ or root depending on the device kernel";
+        "Failed to read fdinfo - requires either PTRACE_MODE_READ or root depending on the device "
+        "kernel";
     pid_t child = fork();
     if (child == 0) {
         if (setresgid(65534, 65534, 65534) || setresuid(65534, 65534, 65534)) _exit(2);
@@ -204,14 +207,15 @@ TEST(ReadDmaBufMapRefs, RecordsMappedBuffers) {
 // Records are found by inode whatever the caller did to its array between calls.
 TEST(ReadDmaBufMapRefs, FindsRecordsAfterCallerChanges) {
     TempTree t;
-    t.Write("proc/5/maps", MapLine(0x1000, 0x2000, 4, "/dmabuf:") + MapLine(0x3000, 0x4000, 5, "/dmabuf:"));
+    t.Write("proc/5/maps",
+            MapLine(0x1000, 0x2000, 4, "/dmabuf:") + MapLine(0x3000, 0x4000, 5, "/dmabuf:"));
     std::vector<DmaBuffer> bufs;
     ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
     ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
     ASSERT_EQ(2u, bufs.size());
     EXPECT_EQ(2, bufs[1].maprefs().at(5));
 
-    std::vector<DmaBuffer> copy = bufs;  // another array
+    std::vector<DmaBuffer> copy = bufs;             // another array
     copy.emplace(copy.begin(), 5, 1, 0, "x", "y");  // the caller's own record, in front
     ASSERT_TRUE(ReadDmaBufMapRefs(5, &copy, t.Path("proc"), t.Path("sys")));
     ASSERT_EQ(3u, copy.size());

@@ -16,7 +16,8 @@ TEST(FuzzCorpus, EveryInputRuns) {
         ASSERT_TRUE(std::filesystem::is_directory(dir)) << dir;
         for (const auto& file : std::filesystem::directory_iterator(dir)) {
             std::ifstream in(file.path(), std::ios::binary);
-            std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            std::string data((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
             entry(reinterpret_cast<const uint8_t*>(data.data()), data.size());
             inputs++;
         }

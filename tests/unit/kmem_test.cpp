@@ -1,11 +1,11 @@
 // /proc/meminfo lines of the kernel total and the first column of the module table.
+#include "kmem.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <map>
 #include <string>
-
-#include "kmem.h"
 
 namespace {
 
@@ -17,14 +17,20 @@ TEST(ParseMeminfoLine, CountedKeysOnly) {
     EXPECT_EQ(2436, kb);
     EXPECT_EQ(4, parse_meminfo_line("KernelStack:         544 kB\n", key, &kb));
     EXPECT_EQ(544, kb);
-    const char* not_counted[] = {"ShmemHugePages:        0 kB\n", "ShmemPmdMapped:        0 kB\n",
-                                 "  Shmem:  5 kB\n", "shmem:  5 kB\n", "SReclaimable:  392 kB\n",
-                                 "VmallocTotal:   259653632 kB\n", ""};
-    for (const char* line : not_counted) EXPECT_EQ(MEMINFO_NOT_COUNTED, parse_meminfo_line(line, key, &kb)) << line;
+    const char* not_counted[] = {"ShmemHugePages:        0 kB\n",
+                                 "ShmemPmdMapped:        0 kB\n",
+                                 "  Shmem:  5 kB\n",
+                                 "shmem:  5 kB\n",
+                                 "SReclaimable:  392 kB\n",
+                                 "VmallocTotal:   259653632 kB\n",
+                                 ""};
+    for (const char* line : not_counted)
+        EXPECT_EQ(MEMINFO_NOT_COUNTED, parse_meminfo_line(line, key, &kb)) << line;
     // No " kB", or a number text that does not fit its 40-byte field: malformed, not 0.
     EXPECT_EQ(MEMINFO_MALFORMED, parse_meminfo_line("Shmem:   2436\n", key, &kb));
     EXPECT_EQ(MEMINFO_MALFORMED,
-              parse_meminfo_line("PageTables: 123456789012345678901234567890123456789012 kB\n", key, &kb));
+              parse_meminfo_line("PageTables: 123456789012345678901234567890123456789012 kB\n", key,
+                                 &kb));
     // No blank after the colon is still a number.
     EXPECT_EQ(0, parse_meminfo_line("Shmem:2436 kB\n", key, &kb));
     EXPECT_EQ(2436, kb);

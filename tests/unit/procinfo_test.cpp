@@ -1,14 +1,13 @@
 // The maps-line grammar and the line walk.
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <procinfo/process_map.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include <procinfo/process_map.h>
 
 using android::procinfo::MapInfo;
 using android::procinfo::ParseMapLine;
@@ -33,7 +32,8 @@ TEST(ParseMapLine, Columns) {
     EXPECT_TRUE(m.shared);
     EXPECT_EQ("/dmabuf:camera", m.name);
 
-    ASSERT_TRUE(ParseMapLine("ffff8b3c0000-ffff8b3c1000 --xp 0001f000 fe:01 1834  /a b (deleted) ", &m));
+    ASSERT_TRUE(
+        ParseMapLine("ffff8b3c0000-ffff8b3c1000 --xp 0001f000 fe:01 1834  /a b (deleted) ", &m));
     EXPECT_EQ(PROT_EXEC, m.flags);
     EXPECT_FALSE(m.shared);
     EXPECT_EQ(0x1f000u, m.offset);
@@ -75,7 +75,9 @@ TEST(ReadMapFileContent, StopsAtEmptyLineAndAtMalformedLine) {
     EXPECT_TRUE(ok);  // the empty line ends the walk before the bad line
     EXPECT_EQ(1u, maps.size());
 
-    maps = Walk("a000-c000 rw-s 00000000 00:0b 77 /dmabuf\nbad\na000-c000 rw-s 00000000 00:0b 78 /x\n", &ok);
+    maps =
+        Walk("a000-c000 rw-s 00000000 00:0b 77 /dmabuf\nbad\na000-c000 rw-s 00000000 00:0b 78 /x\n",
+             &ok);
     EXPECT_FALSE(ok);
     ASSERT_EQ(1u, maps.size());
     EXPECT_EQ(77u, maps[0].inode);
@@ -93,9 +95,12 @@ TEST(ReadMapFileContent, StopsAtEmptyLineAndAtMalformedLine) {
 // Every line of every captured maps file parses, /dmabuf lines included.
 TEST(ReadMapFileContent, RealCaptures) {
     const char* files[] = {
-        "maps/android-phone-a-dmabuf-colon.txt", "maps/android-phone-b-launcher-dmabuf-deleted.txt",
-        "maps/android10-phone-c-anon-inode-dmabuf.txt", "maps/arm64-vfio-bar-dmabuf-named.txt",
-        "lab-arm64-6.1/parent-maps.txt", "lab-arm64-6.1/child-maps.txt",
+        "maps/android-phone-a-dmabuf-colon.txt",
+        "maps/android-phone-b-launcher-dmabuf-deleted.txt",
+        "maps/android10-phone-c-anon-inode-dmabuf.txt",
+        "maps/arm64-vfio-bar-dmabuf-named.txt",
+        "lab-arm64-6.1/parent-maps.txt",
+        "lab-arm64-6.1/child-maps.txt",
     };
     size_t dmabuf_lines = 0;
     for (const char* file : files) {

@@ -1,5 +1,7 @@
 // Line parsers and accounting of the reserved-memory side: region lines, size fields,
 // memblock tables (both kernel formats), /proc/iomem, the bp hole and the address lookup.
+#include "reserved.h"
+
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -7,8 +9,6 @@
 #include <fstream>
 #include <string>
 #include <vector>
-
-#include "reserved.h"
 
 namespace {
 
@@ -19,7 +19,9 @@ std::vector<std::string> ReadLines(const std::string& path) {
     return lines;
 }
 
-std::string Realdata(const std::string& rel) { return std::string(QUARRY_REALDATA_DIR) + "/" + rel; }
+std::string Realdata(const std::string& rel) {
+    return std::string(QUARRY_REALDATA_DIR) + "/" + rel;
+}
 
 TEST(ParseRegionLine, AcceptedLines) {
     struct Case {
@@ -29,8 +31,8 @@ TEST(ParseRegionLine, AcceptedLines) {
         uint64_t addr;
         uint64_t size;
     } cases[] = {
-        {"[fdt_no-map] modem_region: addr 0x8b800000, size 112640 KB\n", "modem_region", "fdt_no-map",
-         0x8b800000, 115343360},
+        {"[fdt_no-map] modem_region: addr 0x8b800000, size 112640 KB\n", "modem_region",
+         "fdt_no-map", 0x8b800000, 115343360},
         {"[t] x: addr 0x1000, size 0 KB\n", "x", "t", 0x1000, 0},
         // No blank after ']': one character of the name is lost, as on the device.
         {"[t]xyz: addr 0x1000, size 4 KB\n", "yz", "t", 0x1000, 4096},
@@ -53,18 +55,19 @@ TEST(ParseRegionLine, AcceptedLines) {
 
 TEST(ParseRegionLine, SkippedLines) {
     const char* lines[] = {
-        "fdt_no-map total: size 307200 KB\n",                     // a total: no "addr"
-        "=============== Summary ===============\n",               // heading
-        "[t] x: addr 0x1000 size 4 KB\n",                         // no ", size"
-        "[t] x: addr 0x1000, size 4 kB\n",                        // no "KB"
-        "[t] x addr 0x1000, size 4 KB\n",                         // no ':'
-        "t] x: addr 0x1000, size 4 KB\n",                         // no '['
-        "[t]: addr 0x1000, size 4 KB\n",                          // ':' right after ']'
-        "x] y [t: addr 0x1000, size 4 KB\n",                      // '[' after ']'
-        "[t] x: addr 0x1000,size 4 KB\n",                         // ", size" missing
-        "[t] x: addr 0x1000, size KB\n",                          // "KB" too close to "size"
+        "fdt_no-map total: size 307200 KB\n",         // a total: no "addr"
+        "=============== Summary ===============\n",  // heading
+        "[t] x: addr 0x1000 size 4 KB\n",             // no ", size"
+        "[t] x: addr 0x1000, size 4 kB\n",            // no "KB"
+        "[t] x addr 0x1000, size 4 KB\n",             // no ':'
+        "t] x: addr 0x1000, size 4 KB\n",             // no '['
+        "[t]: addr 0x1000, size 4 KB\n",              // ':' right after ']'
+        "x] y [t: addr 0x1000, size 4 KB\n",          // '[' after ']'
+        "[t] x: addr 0x1000,size 4 KB\n",             // ", size" missing
+        "[t] x: addr 0x1000, size KB\n",              // "KB" too close to "size"
         // Overlong fields are never cut short: the line is skipped.
-        "[t] a234567890123456789012345678901234567890123456789012345678901234: addr 0x1, size 4 KB\n",
+        "[t] a234567890123456789012345678901234567890123456789012345678901234: addr 0x1, size 4 "
+        "KB\n",
         "[a2345678901234567890] x: addr 0x1000, size 4 KB\n",
         "[t] x: addr 0x00000000000000001000, size 4 KB\n",
         "[t] x: addr 0x1000, size 0000000000000000004 KB\n",
@@ -76,11 +79,11 @@ TEST(ParseRegionLine, SkippedLines) {
     }
     // Fields of exactly the buffer widths still fit.
     reserved_region r;
-    EXPECT_EQ(0, parse_region_line(
-                     "[a234567890123456789] "
-                     "a23456789012345678901234567890123456789012345678901234567890123: "
-                     "addr 0x0000000001000, size 000000000000004 KB\n",
-                     &r));
+    EXPECT_EQ(0,
+              parse_region_line("[a234567890123456789] "
+                                "a23456789012345678901234567890123456789012345678901234567890123: "
+                                "addr 0x0000000001000, size 000000000000004 KB\n",
+                                &r));
     EXPECT_EQ(63u, strlen(r.name));
     EXPECT_EQ(19u, strlen(r.type));
     EXPECT_EQ(0x1000u, r.addr);
@@ -106,12 +109,12 @@ TEST(ParseMemblockLine, ClassicAndNodeFlagsFormats) {
         EXPECT_EQ(c.end, end) << c.line;
     }
     const char* skipped[] = {
-        "   2: 0x0000000080000000..0x00000000809fffff",           // last line without newline
-        "   2: 0x0000000080000000-0x00000000809fffff\n",          // no ".."
-        "   2 0x0000000080000000..0x00000000809fffff\n",          // no ':'
-        "   2:..0x00000000809fffff\n",                            // ".." right after ':'
-        "   2: 0x000000000000000080000000..0x1\n",                // start text too long
-        "   2: 0x1..0x00000000000000000000809fffff\n",            // end text too long
+        "   2: 0x0000000080000000..0x00000000809fffff",   // last line without newline
+        "   2: 0x0000000080000000-0x00000000809fffff\n",  // no ".."
+        "   2 0x0000000080000000..0x00000000809fffff\n",  // no ':'
+        "   2:..0x00000000809fffff\n",                    // ".." right after ':'
+        "   2: 0x000000000000000080000000..0x1\n",        // start text too long
+        "   2: 0x1..0x00000000000000000000809fffff\n",    // end text too long
     };
     for (const char* line : skipped) {
         uint64_t start, end;
@@ -134,10 +137,11 @@ TEST(ParseMemblockLine, RealTablesBothFormatsAgree) {
         EXPECT_EQ(e1, e2);
         EXPECT_LT(s1, e1);
     }
-    for (const char* file : {"memblock/vm-ubuntu2404-reserved-nid-flags.txt",
-                             "memblock/arm32-imx6q-reserved-8digit.txt",
-                             "memblock/arm64-phone-e-reserved-unaligned.txt",
-                             "lab-arm64-6.1/memblock-reserved.txt", "lab-arm64-6.1/memblock-memory.txt"}) {
+    for (const char* file :
+         {"memblock/vm-ubuntu2404-reserved-nid-flags.txt",
+          "memblock/arm32-imx6q-reserved-8digit.txt",
+          "memblock/arm64-phone-e-reserved-unaligned.txt", "lab-arm64-6.1/memblock-reserved.txt",
+          "lab-arm64-6.1/memblock-memory.txt"}) {
         for (const std::string& line : ReadLines(Realdata(file))) {
             uint64_t s, e;
             EXPECT_EQ(0, parse_memblock_line(line.c_str(), &s, &e)) << file << ": " << line;
@@ -162,20 +166,21 @@ TEST(ParseIomemLine, KernelRanges) {
         EXPECT_EQ(c.end, end);
     }
     const char* bad[] = {
-        "80080000-8126ffff : Kernel code\n",      // not indented: no start text
-        "  80080000 8126ffff : Kernel code\n",    // no '-'
-        "  80080000-8126ffff Kernel code\n",      // no ':'
+        "80080000-8126ffff : Kernel code\n",                  // not indented: no start text
+        "  80080000 8126ffff : Kernel code\n",                // no '-'
+        "  80080000-8126ffff Kernel code\n",                  // no ':'
         "  0000000000000080080000-8126ffff : Kernel code\n",  // start over 15 characters
-        "  8126ffff-80080000 : Kernel code\n",    // end before start
+        "  8126ffff-80080000 : Kernel code\n",                // end before start
     };
     for (const char* line : bad) {
         uint64_t start, end;
         EXPECT_NE(0, parse_iomem_line(line, &start, &end)) << line;
     }
     // Every Kernel code / Kernel data line of the real captures parses.
-    for (const char* file : {"iomem/arm64-phone-e-initrd-excerpt.txt", "iomem/arm64-phytium-e2000q-full.txt",
-                             "iomem/arm64-renesas-rzg2m-full.txt", "iomem/arm64-zynqmp-ultra96-jailhouse-cell.txt",
-                             "lab-arm64-6.1/iomem.txt"}) {
+    for (const char* file :
+         {"iomem/arm64-phone-e-initrd-excerpt.txt", "iomem/arm64-phytium-e2000q-full.txt",
+          "iomem/arm64-renesas-rzg2m-full.txt", "iomem/arm64-zynqmp-ultra96-jailhouse-cell.txt",
+          "lab-arm64-6.1/iomem.txt"}) {
         for (const std::string& line : ReadLines(Realdata(file))) {
             if (line.find("Kernel ") == std::string::npos) continue;
             uint64_t start, end;
@@ -200,8 +205,11 @@ class RegionLists : public ::testing::Test {
   protected:
     void TearDown() override { release_region_lists(); }
 
-    static void AddMemory(uint64_t start, uint64_t end) { AddEntry(&memblock_memory_list, start, end); }
-    static reserved_region* AddRegion(const char* type, const char* name, uint64_t addr, uint64_t size) {
+    static void AddMemory(uint64_t start, uint64_t end) {
+        AddEntry(&memblock_memory_list, start, end);
+    }
+    static reserved_region* AddRegion(const char* type, const char* name, uint64_t addr,
+                                      uint64_t size) {
         auto* r = static_cast<reserved_region*>(calloc(1, sizeof(reserved_region)));
         snprintf(r->type, sizeof(r->type), "%s", type);
         snprintf(r->name, sizeof(r->name), "%s", name);
@@ -270,7 +278,7 @@ TEST_F(RegionLists, BpHoleIsSignedWhenNoMapExceedsHoles) {
     // Rounding of separately shifted totals: memhole = bp + inhole still holds exactly.
     release_region_lists();
     AddMemory(0x80000000, 0x80001000);
-    AddMemory(0x80001600, 0x80002000);  // a 1536-byte hole
+    AddMemory(0x80001600, 0x80002000);                    // a 1536-byte hole
     AddRegion("fdt_no-map", "front", 0x7ffff400, 0xc00);  // 3072 bytes in front of memory
     long bp = cal_bp_hole_size(&memhole, &inhole);
     EXPECT_EQ(1u, memhole);
@@ -279,7 +287,8 @@ TEST_F(RegionLists, BpHoleIsSignedWhenNoMapExceedsHoles) {
 }
 
 TEST_F(RegionLists, AddressLookupDdrBoundaries) {
-    for (unsigned long addr : {0x0UL, 0x7fffffffUL, 0x100000000UL, 0x87fffffffUL, 0x1000000000UL, ~0UL}) {
+    for (unsigned long addr :
+         {0x0UL, 0x7fffffffUL, 0x100000000UL, 0x87fffffffUL, 0x1000000000UL, ~0UL}) {
         char want[64];
         snprintf(want, sizeof(want), "0x%lx is not a ddr physical address\n", addr);
         EXPECT_EQ(want, Lookup(addr));

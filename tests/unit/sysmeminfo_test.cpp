@@ -1,6 +1,5 @@
 // ION totals: a lenient reader that refuses only the overflow value.
 #include <gtest/gtest.h>
-
 #include <meminfo/sysmeminfo.h>
 
 #include "temp_tree.h"
@@ -30,7 +29,8 @@ TEST(ReadIonSizeKb, Contents) {
         EXPECT_EQ(c.value, value) << c.content;
         if (!c.ok) {
             ASSERT_EQ(1u, log.messages().size());
-            EXPECT_EQ(0u, log.messages()[0].find("Invalid file format: " + t.Path("total_heaps_kb") + ": "));
+            EXPECT_EQ(0u, log.messages()[0].find(
+                              "Invalid file format: " + t.Path("total_heaps_kb") + ": "));
         }
     }
 }

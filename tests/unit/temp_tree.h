@@ -53,10 +53,10 @@ class TempTree {
 class LogCapture {
   public:
     LogCapture() {
-        old_ = android::base::SetLogSink([this](android::base::LogSeverity, const char*, unsigned,
-                                                const std::string& message) {
-            messages_.push_back(message);
-        });
+        old_ = android::base::SetLogSink(
+            [this](android::base::LogSeverity, const char*, unsigned, const std::string& message) {
+                messages_.push_back(message);
+            });
     }
     ~LogCapture() { android::base::SetLogSink(old_); }
     const std::vector<std::string>& messages() const { return messages_; }

@@ -48,12 +48,12 @@ class LogMessage {
 
 }  // namespace android::base
 
-#define LOG(severity)                                                  \
-    if (!::android::base::ShouldLog(::android::base::severity)) {     \
-    } else                                                             \
+#define LOG(severity)                                             \
+    if (!::android::base::ShouldLog(::android::base::severity)) { \
+    } else                                                        \
         ::android::base::LogMessage(__FILE__, __LINE__, ::android::base::severity, -1).stream()
 
-#define PLOG(severity)                                                 \
-    if (!::android::base::ShouldLog(::android::base::severity)) {     \
-    } else                                                             \
+#define PLOG(severity)                                            \
+    if (!::android::base::ShouldLog(::android::base::severity)) { \
+    } else                                                        \
         ::android::base::LogMessage(__FILE__, __LINE__, ::android::base::severity, errno).stream()
