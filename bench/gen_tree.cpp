@@ -31,12 +31,15 @@ static void WriteFile(const std::string& path, const std::string& content) {
     }
 }
 
+static const char kOdex[] =
+    "/data/app/~~Xk3P2dQz1m9V_fLw8a7JbA==/com.example.messenger-7rYbq1XnC2Wp0sZt4uVdKg==/oat/arm64/"
+    "base.odex";
+
 static const char* const kNames[] = {
     "[anon:dalvik-main space (region space)]",
     "/system/lib64/libc.so",
     "/apex/com.android.art/lib64/libart.so",
-    "/data/app/~~Xk3P2dQz1m9V_fLw8a7JbA==/com.example.messenger-7rYbq1XnC2Wp0sZt4uVdKg==/oat/arm64/"
-    "base.odex",
+    kOdex,
     "[anon:scudo:primary]",
     "/dev/ashmem/shared_memory/2f7a9c1e (deleted)",
     "/system/framework/arm64/boot-framework.oat",

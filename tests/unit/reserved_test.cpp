@@ -66,8 +66,8 @@ TEST(ParseRegionLine, SkippedLines) {
         "[t] x: addr 0x1000,size 4 KB\n",             // ", size" missing
         "[t] x: addr 0x1000, size KB\n",              // "KB" too close to "size"
         // Overlong fields are never cut short: the line is skipped.
-        "[t] a234567890123456789012345678901234567890123456789012345678901234: addr 0x1, size 4 "
-        "KB\n",
+        ("[t] a234567890123456789012345678901234567890123456789012345678901234: addr 0x1, "
+         "size 4 KB\n"),
         "[a2345678901234567890] x: addr 0x1000, size 4 KB\n",
         "[t] x: addr 0x00000000000000001000, size 4 KB\n",
         "[t] x: addr 0x1000, size 0000000000000000004 KB\n",
