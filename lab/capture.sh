@@ -33,6 +33,8 @@ for p in /proc/[0-9]*; do
 	[ -d "$p" ] || continue
 	copy "$p/maps"
 	copy "$p/comm"
+	# The fd links are not kept: a replayed tree cannot hold links to the buffers themselves.
+	# The tool follows them only for descriptors whose fdinfo lacks "ino:" (kernels before 5.14).
 	mkdir -p "$stage$p/fdinfo"
 	for f in "$p"/fdinfo/*; do
 		[ -e "$f" ] && copy "$f"

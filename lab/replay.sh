@@ -4,6 +4,7 @@
 # An arm64 binary runs under user-mode emulation (qemu-aarch64-static) on any other host.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+[ $# -ge 2 ] || { echo "usage: $0 CAPTURE.tar.gz BINARY [ARGS...]" >&2; exit 2; }
 capture=$(realpath "$1")
 binary=$(realpath "$2")
 shift 2

@@ -18,15 +18,16 @@ image=$("$here/kernel/build.sh")
 echo "lab: kernel $image ($(( $(date +%s) - start )) s)"
 
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# QUARRY_LAB_KEEP=1 keeps the guest's console, the capture and the reports for a look afterwards.
+if [ "${QUARRY_LAB_KEEP:-0}" = 1 ]; then echo "lab: work directory $work"; else trap 'rm -rf "$work"' EXIT; fi
 cd "$work"
 
 # A static arm64 busybox, taken from Debian's package without installing it on the host.
 busybox=$cache/busybox-arm64
 if [ ! -x "$busybox" ]; then
   chmod 755 "$work"  # apt fetches as its own user
-  apt-get download -q busybox-static:arm64 >/dev/null 2>&1 ||
-    { apt-get update -qq && apt-get download -q busybox-static:arm64 >/dev/null; }
+  timeout 300 apt-get download -q busybox-static:arm64 >/dev/null 2>&1 ||
+    { timeout 300 apt-get update -qq && timeout 300 apt-get download -q busybox-static:arm64 >/dev/null; }
   dpkg-deb -x busybox-static_*_arm64.deb bb
   cp bb/bin/busybox "$busybox"
 fi
@@ -41,29 +42,44 @@ chmod +x root/init root/lab/*
 (cd root && find . | cpio -o -H newc --quiet) >initrd.cpio
 
 # QEMU's own device tree with the board's memory layout merged in.
+# shellcheck disable=SC2054  # the commas are QEMU's
 # 34 GiB of guest address space reaches the second bank; reserve=off leaves it untouched.
 qemu=(qemu-system-aarch64 -M virt,memory-backend=ram -cpu cortex-a57 -smp 1 -m 34G
       -object memory-backend-ram,id=ram,size=34G,reserve=off -nic none -display none -monitor none)
-"${qemu[@]}" -M virt,dumpdtb=virt.dtb -serial none
+timeout 60 "${qemu[@]}" -M virt,dumpdtb=virt.dtb -serial none 2>/dev/null
 dtc -q -I dtb -O dts -o virt.dts virt.dtb
-initrd_end=$(printf '0x%x' $((0x8a100000 + $(stat -c %s initrd.cpio))))
+# The initramfs sits between the tree and modem_region (no-map, at 0x8b800000): 23 MiB.
+initrd_size=$(stat -c %s initrd.cpio)
+if [ "$initrd_size" -gt $((0x8b800000 - 0x8a100000)) ]; then
+  echo "lab: the initramfs ($initrd_size bytes) does not fit below modem_region; is $binary stripped?" >&2
+  exit 1
+fi
+initrd_end=$(printf '0x%x' $((0x8a100000 + initrd_size)))
 sed "s/@INITRD_END@/$initrd_end/" "$here/boot/device.dts.in" >device.dts
 dtc -q -I dts -O dtb -o lab.dtb device.dts
 aarch64-linux-gnu-as "$here/boot/stub.S" -o stub.o
 aarch64-linux-gnu-objcopy -O binary stub.o stub.bin
 
+# Under TCG the guest reaches init in about 0.5 s and is done in about 2 s; five minutes is a hang.
 start=$(date +%s)
-timeout 600 "${qemu[@]}" -no-reboot -serial file:console.log \
+timeout 300 "${qemu[@]}" -no-reboot -serial file:console.log \
   -device loader,file=stub.bin,addr=0x40400000,cpu-num=0 \
   -device loader,file="$image",addr=0x80200000 \
   -device loader,file=lab.dtb,addr=0x8a000000 \
   -device loader,file=initrd.cpio,addr=0x8a100000 || true
 tr -d '\r' <console.log >console.txt
-echo "lab: guest ran for $(( $(date +%s) - start )) s"
-grep -q QUARRY-LAB-DONE console.txt || { echo "lab: the guest did not finish"; tail -40 console.txt; exit 1; }
+echo "lab: guest booted to init in $(sed -n 's/^QUARRY-LAB-BOOTED //p' console.txt) s (its uptime), ran for $(( $(date +%s) - start )) s"
+if ! grep -q QUARRY-LAB-DONE console.txt; then
+  tail -40 console.txt
+  echo "FAIL the guest did not finish (its console's end is above)"
+  echo "$(grep -c '^ok ' console.txt) passed, $(( $(grep -c '^FAIL ' console.txt) + 1 )) failed"
+  exit 1
+fi
 
-passed=$(grep -c '^ok ' console.txt || true)
-failed=$(grep -c '^FAIL ' console.txt || true)
+# From here on every failure is counted, not fatal: the summary line must come out.
+set +e +o pipefail
+passed=$(grep -c '^ok ' console.txt)
+failed=$(grep -c '^FAIL ' console.txt)
 grep -E '^(ok|FAIL) ' console.txt
 
 # Replay the capture on this host and compare each report with the live one.
@@ -76,15 +92,18 @@ for args_file in args.*; do
   args=$(cat "$args_file")
   touch "live.$n"
   # shellcheck disable=SC2086
-  "$here/replay.sh" capture.tar.gz "$binary" $args >"replay.$n" 2>/dev/null || true
+  timeout 120 "$here/replay.sh" capture.tar.gz "$binary" $args >"replay.$n" 2>/dev/null
   if [ "$args" = -n ]; then
     # The five counters are a moving kernel's, read at another moment by the capture: they
     # must match the captured /proc/meminfo instead, and everything else the live report.
-    tar -xzf capture.tar.gz ./proc/meminfo
+    tar -xzf capture.tar.gz ./proc/meminfo 2>/dev/null
     for key in Shmem SUnreclaim PageTables VmallocUsed KernelStack; do
       want=$(awk -v k="$key:" '$1 == k { print $2 }' proc/meminfo)
-      if grep -qx "$key: $want KB" "replay.$n"; then passed=$((passed + 1)); else
-        echo "FAIL replay -n $key differs from the captured meminfo ($want)"; failed=$((failed + 1)); fi
+      if grep -qx "$key: $want KB" "replay.$n"; then
+        echo "ok replay of quarrystat -n: $key as in the captured meminfo ($want)"; passed=$((passed + 1))
+      else
+        echo "FAIL replay of quarrystat -n: $key differs from the captured meminfo ($want)"; failed=$((failed + 1))
+      fi
     done
     for f in "live.$n" "replay.$n"; do
       sed -E -i 's/^(Shmem|SUnreclaim|PageTables|VmallocUsed|KernelStack): -?[0-9]+ KB$/\1: N KB/
@@ -95,7 +114,7 @@ for args_file in args.*; do
     # Rows come in the order sysfs lists the buffers, which a replayed tree cannot reproduce
     # (kernfs orders by a hash of the name): same rows, in any order.
     for f in "live.$n" "replay.$n"; do
-      { head -2 "$f"; tail -n +3 "$f" | grep ' | ' | sort; grep -v ' | ' "$f" | tail -n +2; } >"$f.cmp"
+      { head -2 "$f"; tail -n +3 "$f" | awk '/ \| /' | sort; tail -n +3 "$f" | awk '!/ \| /'; } >"$f.cmp"
       mv "$f.cmp" "$f"
     done
   fi

@@ -20,6 +20,7 @@ cat /tmp/buffers
 # Live reports first, then the capture, so both see the same buffers and counters.
 for args in "-s" "-p 0x8b900000" "-p 0xc0000000" "-k" "-kkernel_init" "-n" "-u"; do
 	echo "QUARRY-REPORT-BEGIN $args"
+	# shellcheck disable=SC2086  # the arguments are meant to split
 	$Q $args 2>/dev/null
 	echo "QUARRY-REPORT-END $?"
 done
@@ -45,11 +46,12 @@ while read -r name inode size owners mapped; do
 	else
 		want=""
 		for pid in $(echo "$owners" | tr ',' ' '); do
-			want="$want[$pid]$(cat /proc/$pid/comm) "
+			want="${want}[$pid]$(cat "/proc/$pid/comm") "
 		done
 	fi
-	echo "$row" | grep -qF "| $want" && echo "$row" | grep -q "| *$size |"
-	check "-u $name: size $size, owner '$want'" $?
+	exporter=$(cat "/sys/kernel/dmabuf/buffers/$inode/exporter_name")
+	echo "$row" | grep -qF "| $want" && echo "$row" | grep -q "| *$size | *$exporter |"
+	check "-u $name: size $size, exporter $exporter, owner '$want'" $?
 done </tmp/buffers
 total=$(awk '$5 == 0 { s += int($3 / 1024) } END { print s + 0 }' /tmp/buffers)
 grep -q "^Unmapped dmabuf total size is $total KB$" /tmp/u.out
@@ -65,8 +67,12 @@ for key in Shmem SUnreclaim PageTables VmallocUsed KernelStack; do
 	[ -n "$got" ] && [ "$diff" -le 256 ]
 	check "-n $key $got (meminfo $want)" $?
 done
-zcat /proc/config.gz | grep -qx 'CONFIG_VMAP_STACK=y' && ! grep -q 'CONFIG_VMAP_STACK is not set' /tmp/n.out
-check "-n leaves out vmalloc-backed kernel stacks" $?
+# The stacks are in VmallocUsed already: the total must not count KernelStack again.
+sum=$(awk '/^(Shmem|SUnreclaim|PageTables|VmallocUsed|DMA-BUF unmapped):/ { s += $(NF - 1) }
+	END { print s + 0 }' /tmp/n.out)
+zcat /proc/config.gz | grep -qx 'CONFIG_VMAP_STACK=y' && ! grep -q 'CONFIG_VMAP_STACK is not set' /tmp/n.out &&
+	grep -qx "Kernel Memory total size = $sum KB" /tmp/n.out
+check "-n leaves out vmalloc-backed kernel stacks (total $sum KB)" $?
 exported=0
 for d in /sys/kernel/dmabuf/buffers/*; do exported=$((exported + $(cat "$d/size"))); done
 mapped=$(awk '$5 == 1 { s += int($3 / 1024) } END { print s + 0 }' /tmp/buffers)
@@ -108,14 +114,14 @@ check "-p 0x100000000 outside DDR" $?
 $Q -s >/tmp/s.out 2>/dev/null
 check "-s exits 0" $?
 mb=0
-while read -r idx range rest; do
+while read -r _ range _; do
 	mb=$((mb + ${range##*..} - ${range%%..*} + 1))
 done </d/memblock/reserved
 mb=$((mb / 1024))
 grep -qx "\[MemblockReserved\] MemblockReservedTotal: size $mb KB" /tmp/s.out
 check "-s memblock reserved total $mb KB" $?
 holes=0 prev=""
-while read -r idx range rest; do
+while read -r _ range _; do
 	b=$((${range%%..*})) e=$((${range##*..} + 1))
 	if [ -n "$prev" ] && [ $b -ne $prev ] && [ $b -ne $((0x80000000)) ] && [ $b -ne $((0x880000000)) ]; then
 		holes=$((holes + b - prev))
@@ -127,16 +133,42 @@ grep -q "^bootloader_memhole($holes KB) = bp hole(1024 KB) + fdt_nomap_inhole($(
 check "-s holes $holes KB, bp hole 1024 KB" $?
 grep -qx "\[BpHoles\] BpHoles: size 1024 KB" /tmp/s.out
 check "-s bp hole line" $?
-grep -qx "\[MemblockReserved\] CmaTotal: size 81920 KB" /tmp/s.out
-check "-s CMA total" $?
+cma=$(awk '$1 == "CmaTotal:" { print $2 }' /proc/meminfo)
+grep -qx "\[MemblockReserved\] CmaTotal: size $cma KB" /tmp/s.out
+check "-s CMA total $cma KB as in meminfo" $?
+# Kernel code and data as /proc/iomem has them (inclusive ends).
+for name in "Kernel code" "Kernel data"; do
+	range=$(awk -v n="$name" 'index($0, n) { print $1; exit }' /proc/iomem)
+	b=$((0x${range%-*})) e=$((0x${range#*-}))
+	grep -qx "\[MemblockReserved\] $name: addr $(printf '0x%x' $b), size $(((e - b + 1) >> 10)) KB" /tmp/s.out
+	check "-s $name at 0x${range%-*}" $?
+done
+# CMA pages in use, per area (4 KB pages; idle areas print no line) and in total.
+sum=0 lines=0
+for used in /d/cma/*/used; do
+	pages=$(cat "$used") area=${used%/used}
+	area=${area##*/}
+	sum=$((sum + pages))
+	[ "$pages" = 0 ] && continue
+	grep -qxF "[cma_fix_used] $area: size $((pages * 4)) KB" /tmp/s.out
+	check "-s $area uses $((pages * 4)) KB" $?
+	lines=$((lines + 1))
+done
+[ "$(grep -c '^\[cma_fix_used\]' /tmp/s.out)" = $lines ] &&
+	grep -qx "\[CmaFixUsedTotal\] size $((sum * 4)) KB" /tmp/s.out
+check "-s CMA in use $((sum * 4)) KB" $?
 
 # -k: every published module is found, and the listing is the first column.
 $Q -k | sed 's/ *$//' >/tmp/k.out
 cut -d'|' -f1 /proc/debug_ext/mem_statis/ko_memory_stat | sed 's/ *$//' | cmp -s - /tmp/k.out
 check "-k lists the module table's first column" $?
-for m in $(tail -n +2 /proc/debug_ext/mem_statis/ko_memory_stat | cut -d' ' -f1); do
-	$Q -k"$m" | grep -q "^$m "
-	check "-k$m" $?
-done
+tail -n +2 /proc/debug_ext/mem_statis/ko_memory_stat >/tmp/ko.table
+while IFS= read -r line; do
+	m=${line%% *}
+	[ "$($Q -k"$m")" = "$line" ]
+	check "-k$m prints its table line" $?
+done </tmp/ko.table
+[ "$($Q -kno_such_part)" = "no_such_part.ko doesn't exit" ]
+check "-kno_such_part is not found" $?
 
 kill $client

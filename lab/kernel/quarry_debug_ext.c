@@ -4,8 +4,8 @@
  *   /proc/debug_ext/mem_statis/reserved_memory_stat  the device tree's reserved-memory regions,
  *       their totals, the initrd, the reserved total and a Summary line;
  *   /proc/debug_ext/mem_statis/ko_memory_stat        a per-module memory table.
- * The lab kernel has no loadable modules, so the module table lists built-in parts with the
- * size of their code and data as the linker placed them.
+ * The lab kernel has no loadable modules, so the module table lists parts of the kernel image
+ * with the sizes of their text, data and bss as the linker placed them.
  */
 #include <linux/init.h>
 #include <linux/initrd.h>
@@ -70,23 +70,23 @@ static int reserved_memory_stat_show(struct seq_file *m, void *v)
 
 struct part {
 	const char *name;
-	unsigned long text_kb, data_kb;
+	unsigned long text, data, bss;
 };
 
 static int ko_memory_stat_show(struct seq_file *m, void *v)
 {
 	const struct part parts[] = {
-		{ "kernel_core", (unsigned long)(_etext - _stext) >> 10,
-		  (unsigned long)(_edata - _sdata) >> 10 },
-		{ "kernel_init", (unsigned long)(__init_end - __init_begin) >> 10, 0 },
-		{ "quarry_debug_ext", 4, 1 },
+		{ "kernel_core", _etext - _stext, _edata - _sdata, __bss_stop - __bss_start },
+		{ "kernel_rodata", 0, __end_rodata - __start_rodata, 0 },
+		{ "kernel_init", __init_end - __init_begin, 0, 0 },
 	};
 	int i;
 
-	seq_puts(m, "module name          | text(KB) | data(KB) | total(KB)\n");
+	seq_puts(m, "module name          | text(KB) | data(KB) | bss(KB) | total(KB)\n");
 	for (i = 0; i < ARRAY_SIZE(parts); i++)
-		seq_printf(m, "%-20s | %8lu | %8lu | %9lu\n", parts[i].name, parts[i].text_kb,
-			   parts[i].data_kb, parts[i].text_kb + parts[i].data_kb);
+		seq_printf(m, "%-20s | %8lu | %8lu | %7lu | %9lu\n", parts[i].name,
+			   parts[i].text >> 10, parts[i].data >> 10, parts[i].bss >> 10,
+			   (parts[i].text + parts[i].data + parts[i].bss) >> 10);
 	return 0;
 }
 
