@@ -28,18 +28,18 @@ DmaBuffer::DmaBuffer(uint64_t inode, uint64_t size, uint64_t count, const std::s
                      const std::string& name)
     : inode_(inode), size_(size), count_(count), total_refs_(0), exporter_(exporter), name_(name) {}
 
-void DmaBuffer::AddRefToPidMap(pid_t pid, std::unordered_map<pid_t, int>* map) {
+void DmaBuffer::AddRefToPidMap(int pid, std::unordered_map<int, int>* map) {
     auto [it, inserted] = map->insert({pid, 1});
     if (!inserted) it->second++;
     pids_.insert(pid);
 }
 
-void DmaBuffer::RecordFdRef(pid_t pid) {
+void DmaBuffer::RecordFdRef(int pid) {
     AddRefToPidMap(pid, &fdrefs_);
     total_refs_++;
 }
 
-void DmaBuffer::RecordMapRef(pid_t pid) {
+void DmaBuffer::RecordMapRef(int pid) {
     AddRefToPidMap(pid, &maprefs_);
     total_refs_++;
 }
@@ -48,20 +48,22 @@ void DmaBuffer::RecordMapRef(pid_t pid) {
 // a device with thousands of buffers and tens of thousands of references would otherwise pay
 // for every reference with a walk of the whole array. The index belongs to one array at a time
 // and is checked against it on every use; anything the caller did to the array in between (a
-// clear, a copy, records of its own) is caught up with or makes it start over.
+// clear, a copy, records of its own) is caught up with or makes it start over. A miss is
+// confirmed by a walk of the array, so a record the index does not know about (one the caller
+// replaced in place) is found rather than duplicated; misses happen once per new buffer, while
+// hits happen once per reference.
 class InodeIndex {
   public:
     DmaBuffer* Find(std::vector<DmaBuffer>* dmabufs, uint64_t inode) {
         Sync(dmabufs);
         auto it = positions_.find(inode);
-        if (it != positions_.end() && it->second < dmabufs->size() &&
-            (*dmabufs)[it->second].inode() == inode)
+        if (it != positions_.end() && (*dmabufs)[it->second].inode() == inode)
             return &(*dmabufs)[it->second];
-        if (it != positions_.end()) {
-            // The caller changed records in place: rebuild and look again.
-            Rebuild(dmabufs);
-            it = positions_.find(inode);
-            if (it != positions_.end()) return &(*dmabufs)[it->second];
+        for (size_t i = 0; i < dmabufs->size(); i++) {
+            if ((*dmabufs)[i].inode() == inode) {
+                Rebuild(dmabufs);  // the caller changed records in place
+                return &(*dmabufs)[i];
+            }
         }
         return nullptr;
     }
@@ -222,8 +224,7 @@ void ParseFdInfoLine(const char* line, FdInfo* info) {
     }
 }
 
-static FdInfoStatus ReadFdInfoFile(pid_t pid, int fd, const std::string& procfs_path,
-                                   FdInfo* info) {
+static FdInfoStatus ReadFdInfoFile(int pid, int fd, const std::string& procfs_path, FdInfo* info) {
     std::string path = base::StringPrintf("%s/%d/fdinfo/%d", procfs_path.c_str(), pid, fd);
     *info = FdInfo();
     LineReader in(path, 4096);
@@ -256,7 +257,7 @@ static bool ParseFd(const char* name, int* fd) {
     return true;
 }
 
-bool ReadDmaBufFdRefs(pid_t pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path) {
+bool ReadDmaBufFdRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path) {
     std::string dir_path = base::StringPrintf("%s/%d/fdinfo", procfs_path.c_str(), pid);
     std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dir_path.c_str()), closedir);
     if (!dir) {
@@ -311,7 +312,7 @@ bool ReadDmaBufFdRefs(pid_t pid, std::vector<DmaBuffer>* dmabufs, const std::str
     return true;
 }
 
-bool ReadDmaBufMapRefs(pid_t pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path,
+bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path,
                        const std::string& dmabuf_sysfs_path) {
     std::string path = base::StringPrintf("%s/%d/maps", procfs_path.c_str(), pid);
     LineReader in(path, 64 * 1024);

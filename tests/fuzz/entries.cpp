@@ -35,17 +35,49 @@ void ForEachPiece(const uint8_t* data, size_t size, Fn fn) {
 
 void FuzzMaps(const uint8_t* data, size_t size) {
     std::string text(reinterpret_cast<const char*>(data), size);
-    uint64_t sink = 0;
+    size_t lines = 1;
+    for (char c : text) lines += c == '\n';
+    size_t parsed = 0;
     android::procinfo::ReadMapFileContent(text.data(), [&](const android::procinfo::MapInfo& m) {
-        sink += m.start + m.end + m.offset + m.inode + m.flags + m.name.size() + m.shared;
+        // Three protection bits; a name is the rest of one line and never starts with padding.
+        if (m.flags > 7 || m.name.find('\n') != std::string::npos ||
+            (!m.name.empty() && m.name[0] == ' ') || ++parsed > lines)
+            __builtin_trap();
     });
-    (void)sink;
+}
+
+// The sysfs number rule written out digit by digit: white space, no minus, "0x" for base 16
+// (else an optional plus and base 10), one digit at least, nothing after, no overflow.
+static bool ReferenceSysfsUint(std::string_view s, uint64_t* value) {
+    size_t i = 0;
+    while (i < s.size() && strchr(" \t\n\v\f\r", s[i]) != nullptr && s[i] != '\0') i++;
+    unsigned base = 10;
+    if (s.substr(i, 2) == "0x" || s.substr(i, 2) == "0X") {
+        base = 16;
+        i += 2;
+    } else if (i < s.size() && s[i] == '+') {
+        i++;
+    }
+    if (i == s.size()) return false;
+    uint64_t v = 0;
+    for (; i < s.size(); i++) {
+        char c = s[i];
+        unsigned d = c >= '0' && c <= '9'   ? c - '0'
+                     : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                     : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                            : 99;
+        if (d >= base || v > (UINT64_MAX - d) / base) return false;
+        v = v * base + d;
+    }
+    *value = v;
+    return true;
 }
 
 void FuzzSysfsNumber(const uint8_t* data, size_t size) {
-    uint64_t value;
-    android::dmabufinfo::ParseSysfsUint(std::string_view(reinterpret_cast<const char*>(data), size),
-                                        &value);
+    std::string_view text(reinterpret_cast<const char*>(data), size);
+    uint64_t value = 0, want = 0;
+    bool ok = android::dmabufinfo::ParseSysfsUint(text, &value);
+    if (ok != ReferenceSysfsUint(text, &want) || (ok && value != want)) __builtin_trap();
 }
 
 void FuzzFdInfo(const uint8_t* data, size_t size) {

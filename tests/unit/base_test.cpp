@@ -4,7 +4,12 @@
 #include <base/stringprintf.h>
 #include <base/strings.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
 
 #include "temp_tree.h"
 
@@ -65,4 +70,34 @@ TEST(Logging, MessageFormedOnlyWhenEnabled) {
     EXPECT_TRUE(capture.messages().empty());
     LOG(ERROR) << count();
     EXPECT_EQ(1, formed);
+}
+
+// Without a sink, one line per message goes to standard error, named by the source file's base
+// name and line.
+TEST(Logging, DefaultLineOnStandardError) {
+    TempTree t;
+    int saved = dup(STDERR_FILENO);
+    int fd = open(t.Path("stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(STDERR_FILENO, dup2(fd, STDERR_FILENO));
+    close(fd);
+    SetLogSink(nullptr);
+    const std::string path = "/sys/x";
+    errno = EACCES;
+    unsigned line = __LINE__ + 1;
+    LOG(ERROR) << "Failed to parse /proc/68/maps for pid: " << 68;
+    PLOG(WARNING) << "Unable to access " << path;
+    int after = errno;
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    EXPECT_EQ(EACCES, after);
+
+    std::ifstream in(t.Path("stderr"));
+    std::stringstream text;
+    text << in.rdbuf();
+    EXPECT_EQ("quarrystat: E base_test.cpp:" + std::to_string(line) +
+                  "] Failed to parse /proc/68/maps for pid: 68\n"
+                  "quarrystat: W base_test.cpp:" +
+                  std::to_string(line + 1) + "] Unable to access /sys/x: Permission denied\n",
+              text.str());
 }

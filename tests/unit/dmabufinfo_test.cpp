@@ -1,16 +1,25 @@
 // Buffer records and the per-process fd and mapping readers, on temporary /proc and sysfs trees.
+#include <dirent.h>
+#include <dmabufinfo/dmabuf_sysfs_stats.h>
 #include <dmabufinfo/dmabufinfo.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "temp_tree.h"
 
 using android::dmabufinfo::DmaBuffer;
+using android::dmabufinfo::DmabufSysfsStats;
+using android::dmabufinfo::GetDmabufSysfsStats;
 using android::dmabufinfo::ReadDmaBufFdRefs;
 using android::dmabufinfo::ReadDmaBufMapRefs;
 
@@ -32,6 +41,39 @@ std::string MapLine(uint64_t start, uint64_t end, uint64_t inode, const std::str
     return buf;
 }
 
+std::string RefMap(const std::unordered_map<int, int>& refs) {
+    std::map<int, int> sorted(refs.begin(), refs.end());
+    std::string s;
+    for (auto [pid, n] : sorted)
+        s += (s.empty() ? "" : ",") + std::to_string(pid) + ":" + std::to_string(n);
+    return "{" + s + "}";
+}
+
+// One record on one line, so a whole array compares against a table.
+std::string Describe(const DmaBuffer& b) {
+    std::ostringstream out;
+    out << b.inode() << " size=" << b.size() << " count=" << b.count() << " exp=" << b.exporter()
+        << " name=" << b.name() << " fd=" << RefMap(b.fdrefs()) << " map=" << RefMap(b.maprefs())
+        << " refs=" << b.total_refs() << " pids=";
+    for (int pid : b.pids()) out << pid << ";";
+    return out.str();
+}
+
+std::vector<std::string> DescribeByInode(const std::vector<DmaBuffer>& bufs) {
+    std::vector<std::string> lines;
+    for (const DmaBuffer& b : bufs) lines.push_back(Describe(b));
+    std::sort(lines.begin(), lines.end());  // single-digit inodes lead each line
+    return lines;
+}
+
+std::string ReadRealData(const std::string& rel) {
+    std::ifstream in(std::string(QUARRY_REALDATA_DIR) + "/" + rel, std::ios::binary);
+    EXPECT_TRUE(in) << rel;
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
 TEST(DmaBuffer, ReferencesAndCopies) {
     DmaBuffer buf(5, 4096, 0, "<unknown>", "<unknown>");
     EXPECT_EQ(0u, buf.total_refs());
@@ -43,43 +85,16 @@ TEST(DmaBuffer, ReferencesAndCopies) {
     EXPECT_EQ(2, buf.fdrefs().at(7));
     EXPECT_EQ(1, buf.maprefs().at(7));
     EXPECT_EQ(3u, buf.total_refs());
-    EXPECT_EQ(std::set<pid_t>({7}), buf.pids());
+    EXPECT_EQ(std::set<int>({7}), buf.pids());
 
     DmaBuffer copy = buf;
     buf.RecordMapRef(300);
     copy.RecordFdRef(12);
-    EXPECT_EQ(std::set<pid_t>({7, 300}), buf.pids());
-    EXPECT_EQ(std::vector<pid_t>({7, 12}),
-              std::vector<pid_t>(copy.pids().begin(), copy.pids().end()));
+    EXPECT_EQ(std::set<int>({7, 300}), buf.pids());
+    EXPECT_EQ(std::vector<int>({7, 12}), std::vector<int>(copy.pids().begin(), copy.pids().end()));
     EXPECT_EQ(4u, buf.total_refs());
     EXPECT_EQ(4u, copy.total_refs());
     EXPECT_EQ(0u, copy.maprefs().count(300));
-}
-
-TEST(ReadDmaBufFdRefs, RecordsHeldBuffersOnce) {
-    TempTree t;
-    t.Write("proc/68/fdinfo/0", "pos:\t0\nflags:\t02\nmnt_id:\t1\nino:\t4\n");  // not a DMA-BUF
-    t.Write("proc/68/fdinfo/3", FdInfo(2, 65536, 2, "system"));
-    t.Write("proc/68/fdinfo/5", FdInfo(2, 65536, 2, "system"));
-    t.Write("proc/68/fdinfo/4", FdInfo(1, 1048576, 2, "system", "lab-named"));
-    t.Write("proc/69/fdinfo/7", FdInfo(1, 1048576, 2, "system", "lab-named"));
-    std::vector<DmaBuffer> bufs;
-    ASSERT_TRUE(ReadDmaBufFdRefs(68, &bufs, t.Path("proc")));
-    ASSERT_TRUE(ReadDmaBufFdRefs(69, &bufs, t.Path("proc")));
-    ASSERT_EQ(2u, bufs.size());
-    for (const DmaBuffer& b : bufs) {
-        if (b.inode() == 2) {
-            EXPECT_EQ(2, b.fdrefs().at(68));
-            EXPECT_EQ(2u, b.total_refs());
-            EXPECT_EQ("<unknown>", b.name());
-            EXPECT_EQ(65536u, b.size());
-        } else {
-            EXPECT_EQ(1u, b.inode());
-            EXPECT_EQ(std::set<pid_t>({68, 69}), b.pids());
-            EXPECT_EQ("lab-named", b.name());
-            EXPECT_EQ(2u, b.count());
-        }
-    }
 }
 
 TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
@@ -97,6 +112,19 @@ TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
     EXPECT_EQ(4096u, bufs[0].size());   // the size is never changed by a descriptor
     EXPECT_EQ(1, bufs[0].fdrefs().at(9));
     EXPECT_EQ("kept", bufs[1].name());
+}
+
+// The kernel documentation's example pads values with blanks where the kernel prints a tab.
+TEST(ReadDmaBufFdRefs, BlankPaddedValues) {
+    TempTree t;
+    t.Write("proc/9/fdinfo/3", ReadRealData("fdinfo/kernel-doc-example-NOT-A-CAPTURE.txt"));
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufFdRefs(9, &bufs, t.Path("proc")));
+    ASSERT_EQ(1u, bufs.size());
+    EXPECT_EQ(
+        "63107 size=32768 count=2 exp=system-heap name=<unknown> fd={9:1} map={} refs=1 "
+        "pids=9;",
+        Describe(bufs[0]));
 }
 
 TEST(ReadDmaBufFdRefs, InodeFromLinkWhenFdinfoHasNone) {
@@ -130,10 +158,35 @@ TEST(ReadDmaBufFdRefs, Failures) {
     // A hexadecimal name is read as fd 16, whose fdinfo file "16" does not exist: the
     // descriptor counts as closed meanwhile and is skipped without a message.
     t.Write("proc/7/fdinfo/0x10", FdInfo(3, 4096, 1, "system"));
-    LogCapture log;
-    EXPECT_TRUE(ReadDmaBufFdRefs(7, &bufs, t.Path("proc")));
-    EXPECT_TRUE(bufs.empty());
-    EXPECT_TRUE(log.messages().empty());
+    {
+        LogCapture log;
+        EXPECT_TRUE(ReadDmaBufFdRefs(7, &bufs, t.Path("proc")));
+        EXPECT_TRUE(bufs.empty());
+        EXPECT_TRUE(log.messages().empty());
+    }
+
+    // Failures other than a missing file or a refused permission stop the walk with the errno
+    // text. A link that points at itself fails with ELOOP wherever it is opened.
+    t.Write("proc/8/fdinfo", "");
+    t.Symlink("3", "proc/10/fdinfo/3");
+    t.Write("proc/11/fdinfo/3", "size:\t1\nexp_name:\tsystem\n");
+    t.Symlink("3", "proc/11/fd/3");
+    t.Write("proc/11/fdinfo/4", FdInfo(3, 4096, 1, "system"));  // read before or after fd 3
+    const std::string loop = ": Too many levels of symbolic links";
+    {
+        LogCapture log;
+        EXPECT_FALSE(ReadDmaBufFdRefs(8, &bufs, t.Path("proc")));
+        EXPECT_FALSE(ReadDmaBufFdRefs(10, &bufs, t.Path("proc")));
+        EXPECT_FALSE(ReadDmaBufFdRefs(11, &bufs, t.Path("proc")));
+        const std::vector<std::string> want = {
+            "Failed to open " + t.Path("proc") + "/8/fdinfo directory: Not a directory",
+            "Failed to open " + t.Path("proc") + "/10/fdinfo/3" + loop,
+            "Failed to read fd info for pid: 10, fd: 3",
+            "Failed to stat: " + t.Path("proc") + "/11/fd/3" + loop,
+        };
+        EXPECT_EQ(want, log.messages());
+    }
+    EXPECT_LE(bufs.size(), 1u);  // fd 4's buffer stays when it was read before the failure
 }
 
 // Without permission the hint is logged once per run, whether the directory or a file refuses.
@@ -192,7 +245,7 @@ TEST(ReadDmaBufMapRefs, RecordsMappedBuffers) {
     EXPECT_EQ(262144u, bufs[0].size());
     EXPECT_EQ("system\n", bufs[0].exporter());  // as sysfs gives it
     EXPECT_EQ(2, bufs[0].maprefs().at(68));
-    EXPECT_EQ(std::set<pid_t>({68, 69}), bufs[0].pids());
+    EXPECT_EQ(std::set<int>({68, 69}), bufs[0].pids());
     EXPECT_EQ(1u, bufs[1].inode());
     EXPECT_EQ("<unknown>", bufs[1].exporter());
     EXPECT_EQ(0x100000u, bufs[1].size());
@@ -222,6 +275,13 @@ TEST(ReadDmaBufMapRefs, FindsRecordsAfterCallerChanges) {
     EXPECT_EQ(1, copy[0].maprefs().at(5));  // the first record with the inode takes the reference
     EXPECT_EQ(3, copy[1].maprefs().at(5));
     EXPECT_EQ(2, copy[2].maprefs().at(5));
+
+    // A record replaced in place is found, not duplicated.
+    copy[2] = DmaBuffer(7, 1, 0, "x", "y");
+    t.Write("proc/6/maps", MapLine(0x1000, 0x2000, 7, "/dmabuf:"));
+    ASSERT_TRUE(ReadDmaBufMapRefs(6, &copy, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(3u, copy.size());
+    EXPECT_EQ(1, copy[2].maprefs().at(6));
 
     bufs.clear();  // emptied and filled again, as a repeated walk does
     bufs.emplace_back(5, 1, 0, "x", "y");
@@ -257,6 +317,105 @@ TEST(ReadDmaBufMapRefs, LongLinesAreReadWhole) {
     ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
     ASSERT_EQ(1u, bufs.size());
     EXPECT_EQ(0x2000u, bufs[0].size());
+}
+
+// The lab board's captures (kernel 6.1): a parent (68) and a child (69) holding and mapping seven
+// buffers in known states; the kernel alone holds inode 7.
+class LabCapture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // "/proc/68/fdinfo/3:ino:\t2": one fdinfo line per line, prefixed by its file.
+        std::istringstream fdinfo(ReadRealData("lab-arm64-6.1/alloc-dmabuf-fdinfo-all.txt"));
+        std::map<std::string, std::string> files;
+        for (std::string line; std::getline(fdinfo, line);) {
+            size_t colon = line.find(':');
+            files[line.substr(1, colon - 1)] += line.substr(colon + 1) + "\n";
+        }
+        for (const auto& [path, content] : files) t_.Write(path, content);
+        t_.Write("proc/68/fdinfo/0", "pos:\t0\nflags:\t02\nmnt_id:\t1\nino:\t4\n");  // a tty
+        t_.Write("proc/68/maps", ReadRealData("lab-arm64-6.1/parent-maps.txt"));
+        t_.Write("proc/69/maps", ReadRealData("lab-arm64-6.1/child-maps.txt"));
+        // "1 size=1048576 exporter_name=system"
+        std::istringstream sysfs(ReadRealData("lab-arm64-6.1/alloc-sysfs-buffers.txt"));
+        std::string inode, size, exporter;
+        while (sysfs >> inode >> size >> exporter) {
+            t_.Write("sys/buffers/" + inode + "/size", size.substr(5) + "\n");
+            t_.Write("sys/buffers/" + inode + "/exporter_name", exporter.substr(14) + "\n");
+        }
+    }
+    std::string proc() const { return t_.Path("proc"); }
+    std::string sys() const { return t_.Path("sys/buffers"); }
+
+    TempTree t_;
+};
+
+TEST_F(LabCapture, HeldWalk) {
+    std::vector<DmaBuffer> held;
+    for (int pid : {68, 69}) {
+        ASSERT_TRUE(ReadDmaBufFdRefs(pid, &held, proc()));
+        ASSERT_TRUE(ReadDmaBufMapRefs(pid, &held, proc(), sys()));
+    }
+    // Records made from a mapping carry the sysfs exporter as read, newline included.
+    const std::vector<std::string> want = {
+        "1 size=1048576 count=2 exp=system name=lab-named fd={68:1} map={68:1} refs=2 pids=68;",
+        "2 size=65536 count=2 exp=system name=<unknown> fd={68:2} map={} refs=2 pids=68;",
+        "3 size=262144 count=0 exp=system\n name=<unknown> fd={} map={68:2,69:2} refs=4 "
+        "pids=68;69;",
+        "4 size=2097152 count=2 exp=linux,cma name=<unknown> fd={68:1,69:1} map={} refs=2 "
+        "pids=68;69;",
+        "5 size=131072 count=1 exp=udmabuf name=<unknown> fd={69:1} map={} refs=1 pids=69;",
+        "6 size=524288 count=0 exp=system\n name=<unknown> fd={} map={69:1} refs=1 pids=69;",
+    };
+    EXPECT_EQ(want, DescribeByInode(held));
+}
+
+TEST_F(LabCapture, MappedWalkLeavesTheUnmappedBuffers) {
+    std::vector<DmaBuffer> mapped;
+    ASSERT_TRUE(ReadDmaBufMapRefs(68, &mapped, proc(), sys()));
+    ASSERT_TRUE(ReadDmaBufMapRefs(69, &mapped, proc(), sys()));
+    std::vector<uint64_t> order;
+    for (const DmaBuffer& b : mapped) order.push_back(b.inode());
+    EXPECT_EQ(std::vector<uint64_t>({3, 1, 6}), order);  // as first met
+
+    DmabufSysfsStats stats;
+    ASSERT_TRUE(GetDmabufSysfsStats(&stats, sys()));
+    EXPECT_EQ(7u, stats.total_count());
+    EXPECT_EQ(4161536u, stats.total_size());
+    EXPECT_EQ(5u, stats.exporter_info().at("system").count);
+    EXPECT_EQ(2097152u, stats.exporter_info().at("linux,cma").size);
+    std::vector<uint64_t> unmapped;
+    for (const auto& row : stats.buffer_stats()) {
+        bool is_mapped = false;
+        for (const DmaBuffer& b : mapped) is_mapped |= b.inode() == row.inode;
+        if (!is_mapped) unmapped.push_back(row.inode);
+    }
+    std::sort(unmapped.begin(), unmapped.end());
+    EXPECT_EQ(std::vector<uint64_t>({2, 4, 5, 7}), unmapped);
+}
+
+// This machine's processes, read by the library as on a device: every maps file that can be
+// opened parses, and our own descriptors read without failure.
+TEST(LiveDmaBufReaders, EveryReadableProcess) {
+    DIR* dir = opendir("/proc");
+    ASSERT_NE(nullptr, dir);
+    std::vector<DmaBuffer> bufs;
+    size_t read = 0;
+    while (struct dirent* entry = readdir(dir)) {
+        int pid = atoi(entry->d_name);
+        if (pid == 0) continue;
+        std::string maps = std::string("/proc/") + entry->d_name + "/maps";
+        // Reading another process's maps takes ptrace access, which permission bits do not
+        // tell: only a file this test can open counts.
+        if (!std::ifstream(maps)) continue;
+        LogCapture log;
+        bool ok = ReadDmaBufMapRefs(pid, &bufs);
+        // A process may exit between the check and the read; nothing else may fail.
+        if (!ok && std::ifstream(maps)) ADD_FAILURE() << log.messages().at(0);
+        read++;
+    }
+    closedir(dir);
+    EXPECT_GT(read, 0u);
+    EXPECT_TRUE(ReadDmaBufFdRefs(getpid(), &bufs));
 }
 
 }  // namespace

@@ -123,19 +123,20 @@ TEST(ReadMapFileContent, RealCaptures) {
 TEST(LiveMaps, EveryReadableProcessParses) {
     DIR* dir = opendir("/proc");
     ASSERT_NE(nullptr, dir);
-    size_t files = 0;
+    size_t lines = 0;
     while (struct dirent* entry = readdir(dir)) {
         if (atoi(entry->d_name) == 0) continue;
         std::ifstream in(std::string("/proc/") + entry->d_name + "/maps");
+        if (!in) continue;  // needs ptrace access to that process
         std::string line;
         while (std::getline(in, line)) {
             MapInfo m;
             EXPECT_TRUE(ParseMapLine(line.c_str(), &m)) << entry->d_name << ": " << line;
+            lines++;
         }
-        files++;
     }
     closedir(dir);
-    EXPECT_GT(files, 0u);
+    EXPECT_GT(lines, 0u);  // our own maps file at least
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <stdint.h>
-#include <sys/types.h>
 
 #include <set>
 #include <string>
@@ -25,42 +24,42 @@ class DmaBuffer {
     // Every recorded fd and mapping reference adds one.
     uint64_t total_refs() const { return total_refs_; }
     // Processes with at least one reference, ascending.
-    const std::set<pid_t>& pids() const { return pids_; }
+    const std::set<int>& pids() const { return pids_; }
     const std::string& exporter() const { return exporter_; }
     const std::string& name() const { return name_; }
-    const std::unordered_map<pid_t, int>& fdrefs() const { return fdrefs_; }
-    const std::unordered_map<pid_t, int>& maprefs() const { return maprefs_; }
+    const std::unordered_map<int, int>& fdrefs() const { return fdrefs_; }
+    const std::unordered_map<int, int>& maprefs() const { return maprefs_; }
 
     void set_name(const std::string& name) { name_ = name; }
     void set_exporter(const std::string& exporter) { exporter_ = exporter; }
     void set_count(uint64_t count) { count_ = count; }
 
-    void RecordFdRef(pid_t pid);
-    void RecordMapRef(pid_t pid);
+    void RecordFdRef(int pid);
+    void RecordMapRef(int pid);
 
   private:
-    void AddRefToPidMap(pid_t pid, std::unordered_map<pid_t, int>* map);
+    void AddRefToPidMap(int pid, std::unordered_map<int, int>* map);
 
     uint64_t inode_;
     uint64_t size_;
     uint64_t count_;
     uint64_t total_refs_;
-    std::set<pid_t> pids_;
+    std::set<int> pids_;
     std::string exporter_;
     std::string name_;
-    std::unordered_map<pid_t, int> fdrefs_;
-    std::unordered_map<pid_t, int> maprefs_;
+    std::unordered_map<int, int> fdrefs_;
+    std::unordered_map<int, int> maprefs_;
 };
 
 // Records every DMA-BUF buffer that process pid holds through an open file descriptor, from
 // <procfs_path>/<pid>/fdinfo. New buffers are appended to *dmabufs. False at the first failure.
-bool ReadDmaBufFdRefs(pid_t pid, std::vector<DmaBuffer>* dmabufs,
+bool ReadDmaBufFdRefs(int pid, std::vector<DmaBuffer>* dmabufs,
                       const std::string& procfs_path = "/proc");
 
 // Records every DMA-BUF buffer that process pid maps, from <procfs_path>/<pid>/maps; a buffer
 // not yet in *dmabufs gets its exporter and size from dmabuf_sysfs_path. False when the maps
 // file cannot be opened or a line is malformed.
-bool ReadDmaBufMapRefs(pid_t pid, std::vector<DmaBuffer>* dmabufs,
+bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs,
                        const std::string& procfs_path = "/proc",
                        const std::string& dmabuf_sysfs_path = "/sys/kernel/dmabuf/buffers");
 
