@@ -33,6 +33,18 @@ struct list_head memblock_memory_list = LIST_HEAD_INIT(memblock_memory_list);
 #define MEMBLOCK_NUM_BUF 20
 #define IOMEM_NUM_BUF 16
 
+/* A table or statistics number: strtol() in base 16, saturating at LONG_MAX and LONG_MIN as
+ * strtol() does, then kept as an unsigned 64-bit value. */
+static uint64_t hex_number(const char *text)
+{
+    return static_cast<uint64_t>(strtol(text, NULL, 16));
+}
+
+static bool is_strtol_space(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
 int parse_size_kb(const char *line, long *kb)
 {
     char num[STAT_NUM_BUF];
@@ -66,7 +78,7 @@ int parse_region_line(const char *line, struct reserved_region *region)
     /* "addr", one separator, the hexadecimal address, then ", size". */
     if (!size || copy_field(num, sizeof(num), addr + 5, size))
         return -EINVAL;
-    region->addr = strtoull(num, NULL, 16);
+    region->addr = hex_number(num);
     if (parse_size_kb(line, &kb))
         return -EINVAL;
     region->size = static_cast<uint64_t>(kb) << 10;
@@ -106,21 +118,26 @@ int parse_memblock_line(const char *line, uint64_t *start, uint64_t *end)
     const char *colon = strchr(line, ':');
     const char *dots = strstr(line, "..");
     const char *newline = strchr(line, '\n');
-    const char *end_text;
+    const char *from, *to;
 
     if (!colon || !dots || copy_field(num, sizeof(num), colon + 2, dots))
         return -EINVAL;
-    *start = strtoull(num, NULL, 16);
-    /* Only whole lines count: a piece without its newline may have lost digits. The end is
-     * the number right after "..": newer kernels put "   0 NONE" (node, flags) behind it. */
-    if (!newline)
+    *start = hex_number(num);
+    /* Only whole lines count: a piece without its newline may have lost digits. */
+    if (!newline || newline < dots + 2)
         return -EINVAL;
-    end_text = dots + 2;
-    while (end_text < newline && *end_text != ' ' && *end_text != '\t')
-        end_text++;
-    if (copy_field(num, sizeof(num), dots + 2, end_text))
+    /* The end runs from two past ".." to the newline, read as strtol() reads it: the blanks
+     * it skips come first, and it stops after the number. Kernels from 6.5 on put a node id
+     * and a flags word ("   0 NONE") behind the range; they are not part of the number. */
+    from = dots + 2;
+    while (from < newline && is_strtol_space(*from))
+        from++;
+    to = from;
+    while (to < newline && !is_strtol_space(*to))
+        to++;
+    if (copy_field(num, sizeof(num), from, to))
         return -EINVAL;
-    *end = strtoull(num, NULL, 16);
+    *end = hex_number(num);
     return 0;
 }
 
@@ -284,7 +301,19 @@ void print_cma_driver_used(bool total_only)
     fts = fts_open(roots, FTS_LOGICAL, NULL);
     if (!fts)
         return;
+    /* fts_open() succeeds on a root that is not there; its first entry tells. A root that
+     * cannot be stat'ed, is no directory, or cannot be entered (its second entry then says
+     * FTS_DNR before any area was read) means no CMA line at all, not a total of 0. */
+    ent = fts_read(fts);
+    if (!ent || ent->fts_info != FTS_D) {
+        fts_close(fts);
+        return;
+    }
     while ((ent = fts_read(fts))) {
+        if (ent->fts_level == FTS_ROOTLEVEL && ent->fts_info == FTS_DNR) {
+            fts_close(fts);
+            return;
+        }
         if (ent->fts_info != FTS_F || !S_ISREG(ent->fts_statp->st_mode) ||
             strcmp(ent->fts_name, "used"))
             continue;
@@ -320,12 +349,12 @@ int parse_iomem_line(const char *line, uint64_t *start, uint64_t *end)
      * two indenting blanks, and a blank stands before the colon. */
     if (!blank || !dash || copy_field(num, sizeof(num), blank + 2, dash))
         return -EINVAL;
-    *start = strtoull(num, NULL, 16);
+    *start = hex_number(num);
     if (!colon || copy_field(num, sizeof(num), dash + 1, colon - 1))
         return -EINVAL;
-    *end = strtoull(num, NULL, 16);
-    if (*end < *start)
-        return -EINVAL;
+    /* An end below the start is taken as it stands: the kernel prints an empty resource as
+     * "start-(start - 1)", which makes a size of 0 KB. */
+    *end = hex_number(num);
     return 0;
 }
 

@@ -101,6 +101,13 @@ TEST(ParseMemblockLine, ClassicAndNodeFlagsFormats) {
         {"  15: 0x0000000880000000..0x0000000affffffff    0 NONE\n", 0x880000000, 0xaffffffff},
         {"   0: 0x10000000..0x8fffffff\n", 0x10000000, 0x8fffffff},  // 32-bit phys_addr_t
         {"   8: 0x00000008bffb97c0..0x00000008bffb9bc7\n", 0x8bffb97c0, 0x8bffb9bc7},
+        // The end is read as strtol reads it: blanks before it are skipped...
+        {"   3: 0x0000000080002000.. 0x0000000080002fff\n", 0x80002000, 0x80002fff},
+        {"   3: 0x0000000080002000..\t 0x0000000080002fff    0 NONE\n", 0x80002000, 0x80002fff},
+        // ...and numbers beyond the signed range saturate at its ends.
+        {"   4: 0xffffffffffffffff..0x8000000000000000\n", 0x7fffffffffffffff, 0x7fffffffffffffff},
+        {"   4: 0x7ffffffffffffffe..-0x8000000000000001\n", 0x7ffffffffffffffe, 0x8000000000000000},
+        {"   5: 0x1000..\n", 0x1000, 0},  // no digits: 0
     };
     for (const Case& c : cases) {
         uint64_t start = 0, end = 0;
@@ -158,6 +165,9 @@ TEST(ParseIomemLine, KernelRanges) {
         {"  80080000-8126ffff : Kernel code\n", 0x80080000, 0x8126ffff},
         {"  80590000-8067ffff : Kernel data\n", 0x80590000, 0x8067ffff},
         {"    8a0000000-8a0ffffff : Kernel data\n", 0x8a0000000, 0x8a0ffffff},  // deeper nesting
+        {"  80080000-8007ffff : Kernel code\n", 0x80080000, 0x8007ffff},  // empty: end = start - 1
+        {"  8126ffff-80080000 : Kernel code\n", 0x8126ffff, 0x80080000},  // end before start
+        {"  80080000-80080000 : Kernel code\n", 0x80080000, 0x80080000},  // one byte
     };
     for (const Case& c : cases) {
         uint64_t start, end;
@@ -170,7 +180,6 @@ TEST(ParseIomemLine, KernelRanges) {
         "  80080000 8126ffff : Kernel code\n",                // no '-'
         "  80080000-8126ffff Kernel code\n",                  // no ':'
         "  0000000000000080080000-8126ffff : Kernel code\n",  // start over 15 characters
-        "  8126ffff-80080000 : Kernel code\n",                // end before start
     };
     for (const char* line : bad) {
         uint64_t start, end;
