@@ -108,9 +108,8 @@ bool ParseMapLine(const char* line, MapInfo* info) {
 
 bool ReadMapFileContent(char* content, const std::function<void(const MapInfo&)>& callback) {
     if (content == nullptr) return true;
-    // Kept from call to call, so the name's storage is reused rather than allocated per line
-    // (the mapping reader hands over one line at a time).
-    static thread_local MapInfo info;
+    // Each call owns its record: a callback may itself read another maps text.
+    MapInfo info;
     char* line = content;
     for (;;) {
         char* next = strchr(line, '\n');

@@ -22,16 +22,23 @@ static const struct {
 };
 
 /* True when the running kernel's configuration says its stacks are vmalloc-backed. A read
- * error ends the scan as if the line were absent. */
+ * error ends the scan as if the line were absent, and is named on standard error, as is a
+ * file that is not gzip data (zlib then reads it as plain text): either way the stacks may be
+ * counted on a kernel that does not need it, and the user should know why. */
 static bool kernel_has_vmap_stack(gzFile config)
 {
     char line[LINE_BUF_SIZE];
+    bool found = false;
+    int err = Z_OK;
 
-    while (gzgets(config, line, sizeof(line))) {
-        if (strstr(line, "CONFIG_VMAP_STACK=y"))
-            return true;
-    }
-    return false;
+    while (!found && gzgets(config, line, sizeof(line)))
+        found = strstr(line, "CONFIG_VMAP_STACK=y") != NULL;
+    const char *why = gzerror(config, &err);
+    if (err != Z_OK)
+        fprintf(stderr, "quarrystat: cannot read %s\n", why); /* zlib's text names the file */
+    else if (gzdirect(config))
+        fprintf(stderr, "quarrystat: %s is not gzip data; read as plain text\n", PROC_CONFIG_GZ);
+    return found;
 }
 
 int parse_meminfo_line(const char *line, char key[MEMINFO_FIELD_BUF], long *kb)

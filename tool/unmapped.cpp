@@ -21,6 +21,7 @@
 #include "paths.h"
 
 using android::dmabufinfo::DmaBuffer;
+using android::dmabufinfo::DmaBufferList;
 
 /* Full passes a failing walk gets before the last, forgiving one. A process that exits during
  * a pass is gone by the next; one that fails three times in a row is not going to be read. */
@@ -34,7 +35,7 @@ struct walk_skips {
 typedef int (*process_walk)(std::vector<DmaBuffer> *dmabufs, struct walk_skips *skips);
 
 /* One process's step of a walk: true when its entries could be read. */
-typedef bool (*process_step)(int pid, std::vector<DmaBuffer> *dmabufs);
+typedef bool (*process_step)(int pid, DmaBufferList *dmabufs);
 
 static bool is_process_entry(const struct dirent *entry, int *pid)
 {
@@ -45,32 +46,36 @@ static bool is_process_entry(const struct dirent *entry, int *pid)
 }
 
 /* Runs step for every process under /proc on a list emptied first. Without skips the walk
- * stops at the first process that fails (-1); with skips it notes that process and goes on. */
+ * stops at the first process that fails (-1); with skips it notes that process and goes on.
+ * The records are gathered in a list indexed by inode, which the walk owns and drops when it
+ * hands them over. */
 static int walk_processes(DIR *dir, std::vector<DmaBuffer> *dmabufs, process_step step,
                           struct walk_skips *skips)
 {
+    DmaBufferList list;
     struct dirent *entry;
-    int pid;
+    int pid, ret = 0;
 
     while ((entry = readdir(dir))) {
-        if (!is_process_entry(entry, &pid) || step(pid, dmabufs))
+        if (!is_process_entry(entry, &pid) || step(pid, &list))
             continue;
         if (!skips) {
-            closedir(dir);
-            return -1;
+            ret = -1;
+            break;
         }
         skips->pids.push_back(pid);
     }
     closedir(dir);
-    return 0;
+    *dmabufs = list.Release();
+    return ret;
 }
 
-static bool mapped_step(int pid, std::vector<DmaBuffer> *dmabufs)
+static bool mapped_step(int pid, DmaBufferList *dmabufs)
 {
     return android::dmabufinfo::ReadDmaBufMapRefs(pid, dmabufs, PROC_ROOT, DMABUF_SYSFS_BUFFERS);
 }
 
-static bool held_step(int pid, std::vector<DmaBuffer> *dmabufs)
+static bool held_step(int pid, DmaBufferList *dmabufs)
 {
     if (!android::dmabufinfo::ReadDmaBufFdRefs(pid, dmabufs, PROC_ROOT)) {
         fprintf(stderr, "Failed to read dmabuf fd references for pid %d\n", pid);
@@ -128,8 +133,12 @@ static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmab
             return;
     }
     if (walk(dmabufs, &skips) != 0) {
-        fprintf(stderr, "quarrystat: /proc could not be read; no %s DMA-BUF buffers are known\n",
-                what);
+        /* Only the held walk gets here (the mapped walk ends the program instead). With no
+         * holders known every row of the report would name "kernel"; say that it is not so. */
+        fprintf(stderr,
+                "quarrystat: /proc could not be opened in %d passes: no holders could be read, "
+                "so an owner shown as \"kernel\" is not known\n",
+                WALK_STRICT_PASSES + 1);
         return;
     }
     if (skips.pids.empty())
@@ -180,6 +189,11 @@ long get_unmapped_buf_total()
     return result;
 }
 
+void collect_held_dmabufs(std::vector<DmaBuffer> *held)
+{
+    collect_with_retries(walk_held, held, "held");
+}
+
 /* The process name from /proc/<pid>/comm, or "N/A" when it has gone or says nothing. */
 static std::string process_name(int pid)
 {
@@ -224,7 +238,7 @@ void show_unmapped_dmabuf()
         mapped_inodes.insert(buf.inode());
     std::vector<DmaBuffer>().swap(mapped);
 
-    collect_with_retries(walk_held, &held, "held");
+    collect_held_dmabufs(&held);
     if (!android::dmabufinfo::GetDmabufSysfsStats(&stats, DMABUF_SYSFS_BUFFERS)) {
         puts("Unable to read DMA-BUF sysfs stats from device");
         return;

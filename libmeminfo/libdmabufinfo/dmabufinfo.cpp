@@ -44,71 +44,42 @@ void DmaBuffer::RecordMapRef(int pid) {
     total_refs_++;
 }
 
-// Finding a record by inode, first match from the front, without a linear search per lookup:
-// a device with thousands of buffers and tens of thousands of references would otherwise pay
-// for every reference with a walk of the whole array. The index belongs to one array at a time
-// and is checked against it on every use; anything the caller did to the array in between (a
-// clear, a copy, records of its own) is caught up with or makes it start over. A miss is
-// confirmed by a walk of the array, so a record the index does not know about (one the caller
-// replaced in place) is found rather than duplicated; misses happen once per new buffer, while
-// hits happen once per reference.
-class InodeIndex {
+DmaBuffer* DmaBufferList::Find(uint64_t inode) {
+    auto it = positions_.find(inode);
+    return it == positions_.end() ? nullptr : &buffers_[it->second];
+}
+
+DmaBuffer* DmaBufferList::Append(uint64_t inode, uint64_t size, uint64_t count,
+                                 const std::string& exporter, const std::string& name) {
+    buffers_.emplace_back(inode, size, count, exporter, name);
+    positions_.emplace(inode, buffers_.size() - 1);  // the first record of an inode stays found
+    return &buffers_.back();
+}
+
+std::vector<DmaBuffer> DmaBufferList::Release() {
+    positions_.clear();
+    return std::move(buffers_);
+}
+
+// A caller's own array: the records are whatever its owner made them, so each is found by a
+// walk from the front, as the owner would find it.
+class BufferArray {
   public:
-    DmaBuffer* Find(std::vector<DmaBuffer>* dmabufs, uint64_t inode) {
-        Sync(dmabufs);
-        auto it = positions_.find(inode);
-        if (it != positions_.end() && (*dmabufs)[it->second].inode() == inode)
-            return &(*dmabufs)[it->second];
-        for (size_t i = 0; i < dmabufs->size(); i++) {
-            if ((*dmabufs)[i].inode() == inode) {
-                Rebuild(dmabufs);  // the caller changed records in place
-                return &(*dmabufs)[i];
-            }
-        }
+    explicit BufferArray(std::vector<DmaBuffer>* buffers) : buffers_(buffers) {}
+    DmaBuffer* Find(uint64_t inode) {
+        for (DmaBuffer& buf : *buffers_)
+            if (buf.inode() == inode) return &buf;
         return nullptr;
     }
-
-    // Records that the library itself just appended.
-    void Appended(std::vector<DmaBuffer>* dmabufs) { Sync(dmabufs); }
+    DmaBuffer* Append(uint64_t inode, uint64_t size, uint64_t count, const std::string& exporter,
+                      const std::string& name) {
+        buffers_->emplace_back(inode, size, count, exporter, name);
+        return &buffers_->back();
+    }
 
   private:
-    void Sync(std::vector<DmaBuffer>* dmabufs) {
-        if (array_ != dmabufs || indexed_ > dmabufs->size() ||
-            (indexed_ > 0 && first_inode_ != dmabufs->front().inode())) {
-            Rebuild(dmabufs);
-            return;
-        }
-        for (; indexed_ < dmabufs->size(); indexed_++)
-            positions_.emplace((*dmabufs)[indexed_].inode(), indexed_);
-        if (indexed_ > 0) first_inode_ = dmabufs->front().inode();
-    }
-
-    void Rebuild(std::vector<DmaBuffer>* dmabufs) {
-        array_ = dmabufs;
-        positions_.clear();
-        indexed_ = 0;
-        Sync(dmabufs);
-    }
-
-    const std::vector<DmaBuffer>* array_ = nullptr;
-    size_t indexed_ = 0;
-    uint64_t first_inode_ = 0;
-    std::unordered_map<uint64_t, size_t> positions_;
+    std::vector<DmaBuffer>* buffers_;
 };
-
-static InodeIndex inode_index;
-
-static DmaBuffer* FindBuffer(std::vector<DmaBuffer>* dmabufs, uint64_t inode) {
-    return inode_index.Find(dmabufs, inode);
-}
-
-static DmaBuffer* AppendBuffer(std::vector<DmaBuffer>* dmabufs, uint64_t inode, uint64_t size,
-                               uint64_t count, const std::string& exporter,
-                               const std::string& name) {
-    dmabufs->emplace_back(inode, size, count, exporter, name);
-    inode_index.Appended(dmabufs);
-    return &dmabufs->back();
-}
 
 enum FdInfoStatus { kParsed, kGone, kFailed };
 
@@ -125,7 +96,8 @@ static void LogPermissionWarningOnce() {
 // the kernel anew for every read() call, so few large reads cost less than many small ones.
 // Lines are handed over whole, however long (a mapped file's path has no length limit), as
 // writable NUL-terminated text without the newline; a last line without one counts too. A
-// read error ends the file like its end.
+// read error ends the file like its end; error() then tells what it was, for the caller to
+// name the file (a directory where the file belongs, an I/O error).
 class LineReader {
   public:
     // chunk: bytes asked for per read(); small for small files, large for maps files.
@@ -139,6 +111,8 @@ class LineReader {
 
     // errno tells why when it is not: nothing else runs between the open and this test.
     bool is_open() const { return fd_ >= 0; }
+    // The errno of a read that failed, or 0.
+    int error() const { return error_; }
 
     char* Next() {
         for (;;) {
@@ -175,6 +149,7 @@ class LineReader {
             n = read(fd_, buf_.data() + end_, chunk_);
         } while (n < 0 && errno == EINTR);
         if (n <= 0) {
+            if (n < 0) error_ = errno;
             eof_ = true;
         } else {
             end_ += static_cast<size_t>(n);
@@ -186,7 +161,16 @@ class LineReader {
     std::vector<char> buf_;
     size_t start_ = 0, end_ = 0;
     bool eof_ = false;
+    int error_ = 0;
 };
+
+// A file that opened but whose read failed is named, though what was read before still counts:
+// a short file should not pass for a whole one.
+static void LogReadError(const LineReader& in, const std::string& path) {
+    if (in.error() == 0) return;
+    errno = in.error();
+    PLOG(ERROR) << "Failed to read " << path;
+}
 
 // Matches "key:" at the start of line; on a match the rest of the line follows it.
 static const char* MatchKey(const char* line, const char* key) {
@@ -239,6 +223,7 @@ static FdInfoStatus ReadFdInfoFile(int pid, int fd, const std::string& procfs_pa
         return kFailed;
     }
     while (const char* line = in.Next()) ParseFdInfoLine(line, info);
+    LogReadError(in, path);
     return kParsed;
 }
 
@@ -257,7 +242,9 @@ static bool ParseFd(const char* name, int* fd) {
     return true;
 }
 
-bool ReadDmaBufFdRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path) {
+// Records: BufferArray or DmaBufferList.
+template <typename Records>
+static bool ReadFdRefs(int pid, Records* dmabufs, const std::string& procfs_path) {
     std::string dir_path = base::StringPrintf("%s/%d/fdinfo", procfs_path.c_str(), pid);
     std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dir_path.c_str()), closedir);
     if (!dir) {
@@ -297,23 +284,23 @@ bool ReadDmaBufFdRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::strin
             info.size = static_cast<uint64_t>(st.st_blocks) * 512;
         }
 
-        DmaBuffer* buf = FindBuffer(dmabufs, info.inode);
+        DmaBuffer* buf = dmabufs->Find(info.inode);
         if (buf != nullptr) {
             if (buf->name().empty() || buf->name() == kUnknown) buf->set_name(info.name);
             if (buf->exporter().empty() || buf->exporter() == kUnknown)
                 buf->set_exporter(info.exporter);
             if (buf->count() == 0) buf->set_count(info.count);
         } else {
-            buf =
-                AppendBuffer(dmabufs, info.inode, info.size, info.count, info.exporter, info.name);
+            buf = dmabufs->Append(info.inode, info.size, info.count, info.exporter, info.name);
         }
         buf->RecordFdRef(pid);
     }
     return true;
 }
 
-bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path,
-                       const std::string& dmabuf_sysfs_path) {
+template <typename Records>
+static bool ReadMapRefs(int pid, Records* dmabufs, const std::string& procfs_path,
+                        const std::string& dmabuf_sysfs_path) {
     std::string path = base::StringPrintf("%s/%d/maps", procfs_path.c_str(), pid);
     LineReader in(path, 64 * 1024);
     if (!in.is_open()) {
@@ -324,7 +311,7 @@ bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::stri
     auto on_mapping = [&](const procinfo::MapInfo& m) {
         // "/dmabuf", "/dmabuf:<name>" and "/dmabuf (deleted)" all name DMA-BUF files.
         if (!base::StartsWith(m.name, "/dmabuf")) return;
-        if (DmaBuffer* buf = FindBuffer(dmabufs, m.inode)) {
+        if (DmaBuffer* buf = dmabufs->Find(m.inode)) {
             buf->RecordMapRef(pid);
             return;
         }
@@ -336,17 +323,44 @@ bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::stri
         bool have_size = have_exporter && ReadBufferSize(sysfs_inode, &size, dmabuf_sysfs_path);
         if (!have_exporter) exporter = kUnknown;
         if (!have_size) size = m.end - m.start;  // the buffer is at least this mapping
-        AppendBuffer(dmabufs, m.inode, size, 0, exporter, kUnknown)->RecordMapRef(pid);
+        dmabufs->Append(m.inode, size, 0, exporter, kUnknown)->RecordMapRef(pid);
     };
 
+    // One line at a time, as ReadMapFileContent would take it (an empty line is passed over),
+    // into one record for the whole file, so a maps file of thousands of lines does not
+    // allocate a name per line.
+    procinfo::MapInfo info;
     char* line;
     while ((line = in.Next()) != nullptr) {
-        if (!procinfo::ReadMapFileContent(line, on_mapping)) {
+        if (*line == '\0') continue;
+        if (!procinfo::ParseMapLine(line, &info)) {
             LOG(ERROR) << "Failed to parse " << path << " for pid: " << pid;
             return false;
         }
+        on_mapping(info);
     }
+    LogReadError(in, path);
     return true;
+}
+
+bool ReadDmaBufFdRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path) {
+    BufferArray records(dmabufs);
+    return ReadFdRefs(pid, &records, procfs_path);
+}
+
+bool ReadDmaBufFdRefs(int pid, DmaBufferList* dmabufs, const std::string& procfs_path) {
+    return ReadFdRefs(pid, dmabufs, procfs_path);
+}
+
+bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs, const std::string& procfs_path,
+                       const std::string& dmabuf_sysfs_path) {
+    BufferArray records(dmabufs);
+    return ReadMapRefs(pid, &records, procfs_path, dmabuf_sysfs_path);
+}
+
+bool ReadDmaBufMapRefs(int pid, DmaBufferList* dmabufs, const std::string& procfs_path,
+                       const std::string& dmabuf_sysfs_path) {
+    return ReadMapRefs(pid, dmabufs, procfs_path, dmabuf_sysfs_path);
 }
 
 }  // namespace android::dmabufinfo

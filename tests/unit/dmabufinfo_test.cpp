@@ -18,6 +18,7 @@
 #include "temp_tree.h"
 
 using android::dmabufinfo::DmaBuffer;
+using android::dmabufinfo::DmaBufferList;
 using android::dmabufinfo::DmabufSysfsStats;
 using android::dmabufinfo::GetDmabufSysfsStats;
 using android::dmabufinfo::ReadDmaBufFdRefs;
@@ -276,12 +277,22 @@ TEST(ReadDmaBufMapRefs, FindsRecordsAfterCallerChanges) {
     EXPECT_EQ(3, copy[1].maprefs().at(5));
     EXPECT_EQ(2, copy[2].maprefs().at(5));
 
-    // A record replaced in place is found, not duplicated.
+    // A record replaced in place is found, not duplicated, and one replaced away is gone: the
+    // array keeps its size and its first record, so nothing but the records themselves tells.
     copy[2] = DmaBuffer(7, 1, 0, "x", "y");
     t.Write("proc/6/maps", MapLine(0x1000, 0x2000, 7, "/dmabuf:"));
     ASSERT_TRUE(ReadDmaBufMapRefs(6, &copy, t.Path("proc"), t.Path("sys")));
     ASSERT_EQ(3u, copy.size());
     EXPECT_EQ(1, copy[2].maprefs().at(6));
+    copy[1] = DmaBuffer(8, 1, 0, "x", "y");  // in the middle, in place of inode 4
+    t.Write("proc/7/maps", MapLine(0x1000, 0x2000, 8, "/dmabuf:") +
+                               MapLine(0x1000, 0x2000, 4, "/dmabuf:") +
+                               MapLine(0x1000, 0x2000, 8, "/dmabuf:"));
+    ASSERT_TRUE(ReadDmaBufMapRefs(7, &copy, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(4u, copy.size());
+    EXPECT_EQ(2, copy[1].maprefs().at(7));
+    EXPECT_EQ(4u, copy[3].inode());
+    EXPECT_EQ(1u, copy[3].total_refs());
 
     bufs.clear();  // emptied and filled again, as a repeated walk does
     bufs.emplace_back(5, 1, 0, "x", "y");
@@ -351,10 +362,18 @@ class LabCapture : public ::testing::Test {
 
 TEST_F(LabCapture, HeldWalk) {
     std::vector<DmaBuffer> held;
+    DmaBufferList list;  // the indexed list a scan uses gives the same records, in order
     for (int pid : {68, 69}) {
         ASSERT_TRUE(ReadDmaBufFdRefs(pid, &held, proc()));
         ASSERT_TRUE(ReadDmaBufMapRefs(pid, &held, proc(), sys()));
+        ASSERT_TRUE(ReadDmaBufFdRefs(pid, &list, proc()));
+        ASSERT_TRUE(ReadDmaBufMapRefs(pid, &list, proc(), sys()));
     }
+    std::vector<DmaBuffer> listed = list.Release();
+    EXPECT_TRUE(list.buffers().empty());
+    EXPECT_EQ(nullptr, list.Find(1));
+    ASSERT_EQ(held.size(), listed.size());
+    for (size_t i = 0; i < held.size(); i++) EXPECT_EQ(Describe(held[i]), Describe(listed[i]));
     // Records made from a mapping carry the sysfs exporter as read, newline included.
     const std::vector<std::string> want = {
         "1 size=1048576 count=2 exp=system name=lab-named fd={68:1} map={68:1} refs=2 pids=68;",

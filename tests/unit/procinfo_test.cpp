@@ -92,6 +92,18 @@ TEST(ReadMapFileContent, StopsAtEmptyLineAndAtMalformedLine) {
     EXPECT_TRUE(ReadMapFileContent(nullptr, [](const MapInfo&) { FAIL(); }));
 }
 
+// A callback may read another maps text: each call owns the record it hands over.
+TEST(ReadMapFileContent, NestedCallsKeepTheirRecords) {
+    char outer[] = "a000-c000 rw-s 00000000 00:0b 77 /dmabuf:outer\n";
+    std::vector<std::string> seen;
+    ASSERT_TRUE(ReadMapFileContent(outer, [&](const MapInfo& m) {
+        char inner[] = "1000-2000 r--p 00000000 00:0c 5 /system/lib64/libc.so\n";
+        ASSERT_TRUE(ReadMapFileContent(inner, [&](const MapInfo& n) { seen.push_back(n.name); }));
+        seen.push_back(m.name + " " + std::to_string(m.inode) + " " + std::to_string(m.start));
+    }));
+    EXPECT_EQ(std::vector<std::string>({"/system/lib64/libc.so", "/dmabuf:outer 77 40960"}), seen);
+}
+
 // Every line of every captured maps file parses, /dmabuf lines included.
 TEST(ReadMapFileContent, RealCaptures) {
     const char* files[] = {

@@ -51,16 +51,41 @@ class DmaBuffer {
     std::unordered_map<int, int> maprefs_;
 };
 
+// The records of one scan of many processes, one per inode in the order their buffers were
+// first met, with an index on the inode beside them. A device with thousands of buffers and
+// tens of thousands of references would otherwise pay for every reference with a walk of the
+// whole array. The index cannot go stale: the records can only be added to through the readers
+// below, and the list owns both.
+class DmaBufferList {
+  public:
+    const std::vector<DmaBuffer>& buffers() const { return buffers_; }
+    // The first record with this inode, or null.
+    DmaBuffer* Find(uint64_t inode);
+    DmaBuffer* Append(uint64_t inode, uint64_t size, uint64_t count, const std::string& exporter,
+                      const std::string& name);
+    // Hands the records over and leaves the list empty.
+    std::vector<DmaBuffer> Release();
+
+  private:
+    std::vector<DmaBuffer> buffers_;
+    std::unordered_map<uint64_t, size_t> positions_;
+};
+
 // Records every DMA-BUF buffer that process pid holds through an open file descriptor, from
-// <procfs_path>/<pid>/fdinfo. New buffers are appended to *dmabufs. False at the first failure.
+// <procfs_path>/<pid>/fdinfo. New buffers are appended to *dmabufs; a record is found by its
+// inode along the array from the front, so the array may hold anything its owner put there.
+// False at the first failure.
 bool ReadDmaBufFdRefs(int pid, std::vector<DmaBuffer>* dmabufs,
                       const std::string& procfs_path = "/proc");
+bool ReadDmaBufFdRefs(int pid, DmaBufferList* dmabufs, const std::string& procfs_path = "/proc");
 
 // Records every DMA-BUF buffer that process pid maps, from <procfs_path>/<pid>/maps; a buffer
-// not yet in *dmabufs gets its exporter and size from dmabuf_sysfs_path. False when the maps
+// not yet recorded gets its exporter and size from dmabuf_sysfs_path. False when the maps
 // file cannot be opened or a line is malformed.
 bool ReadDmaBufMapRefs(int pid, std::vector<DmaBuffer>* dmabufs,
                        const std::string& procfs_path = "/proc",
+                       const std::string& dmabuf_sysfs_path = "/sys/kernel/dmabuf/buffers");
+bool ReadDmaBufMapRefs(int pid, DmaBufferList* dmabufs, const std::string& procfs_path = "/proc",
                        const std::string& dmabuf_sysfs_path = "/sys/kernel/dmabuf/buffers");
 
 }  // namespace android::dmabufinfo
