@@ -104,6 +104,8 @@ if [ -n "$valgrind" ]; then
 fi
 as_user=()
 [ -z "$user" ] || as_user=(--userspec="$user:$user")
+# QUARRY_AS_LIMIT_KB: an address-space limit, to make the tool run out of memory.
+[ -z "${QUARRY_AS_LIMIT_KB:-}" ] || ulimit -v "$QUARRY_AS_LIMIT_KB"
 exec chroot "${as_user[@]}" "$root" "${cmd[@]}" "$@"
 INNER
 status=$?

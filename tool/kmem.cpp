@@ -6,9 +6,12 @@
 #include <string.h>
 #include <zlib.h>
 
+#include <new>
+
 #include "fields.h"
 #include "paths.h"
 #include "unmapped.h"
+#include "wrap.h"
 
 /* The /proc/meminfo counters that make up the kernel's own memory, each with its colon so that
  * ShmemHugePages and the like do not match. Kernel stacks count only when they do not come from
@@ -95,14 +98,19 @@ int parse_kernel_memory()
         printf("%s: ", key);
         printf("%ld KB\n", value);
         if (!meminfo_keys[index].is_stack) {
-            sum += value;
+            sum = kb_add(sum, value);
         } else if (!vmap_stack) {
-            sum += value;
+            sum = kb_add(sum, value);
             puts("CONFIG_VMAP_STACK is not set.");
         }
     }
     report_read_error(fp, PROC_MEMINFO);
-    sum += get_unmapped_buf_total();
+    try {
+        sum = kb_add(sum, get_unmapped_buf_total());
+    } catch (const std::bad_alloc &) {
+        fclose(fp); /* get_unmapped_buf_total has said what ran out */
+        return -ENOMEM;
+    }
     printf("Kernel Memory total size = %ld KB\n", sum);
     fclose(fp);
     return 0;

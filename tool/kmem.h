@@ -2,7 +2,8 @@
 #pragma once
 
 /* Prints the five kernel counters of /proc/meminfo, the unmapped DMA-BUF line and the total.
- * 0, or -EEXIST when /proc/meminfo or /proc/config.gz cannot be opened. */
+ * 0, -EEXIST when /proc/meminfo or /proc/config.gz cannot be opened, or -ENOMEM when the
+ * unmapped figure ran out of memory. */
 int parse_kernel_memory();
 /* Prints the line of one module (name given) or the first column of every line (name null).
  * 0, or -EEXIST when the module table cannot be opened. */

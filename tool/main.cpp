@@ -1,7 +1,9 @@
 /* quarrystat: memory accounting for 64-bit Arm Android devices. One option, one report. */
+#include <errno.h>
 #include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "kmem.h"
 #include "paths.h"
@@ -47,7 +49,21 @@ static int load_sources(void)
     return ret;
 }
 
-int main(int argc, char **argv)
+/* A report that did not reach its reader whole (standard output on a full disk, a closed pipe)
+ * must not end with status 0: the status of a run whose report was lost is -EIO unless it
+ * already failed otherwise. */
+static int output_status(int ret)
+{
+    errno = 0;
+    if (fflush(stdout) == 0 && !ferror(stdout))
+        return ret;
+    fprintf(stderr, "quarrystat: the report could not be written to standard output: %s\n",
+            errno ? strerror(errno) : "write error");
+    return ret ? ret : -EIO;
+}
+
+/* Runs the chosen report; main only adds the check that its output was written. */
+static int run(int argc, char **argv)
 {
     static const struct option options[] = {
         {"show", no_argument, NULL, 's'},
@@ -69,11 +85,10 @@ int main(int argc, char **argv)
             puts(usage_long);
             return -1;
         case 'n':
-            parse_kernel_memory();
-            return 0;
+            /* The report's own failures end with 0; running out of memory does not. */
+            return parse_kernel_memory() == -ENOMEM ? -ENOMEM : 0;
         case 'u':
-            show_unmapped_dmabuf();
-            return 0;
+            return show_unmapped_dmabuf();
         case 's':
             mode = MODE_SHOW;
             break;
@@ -113,4 +128,9 @@ int main(int argc, char **argv)
     }
     release_source(mode);
     return ret;
+}
+
+int main(int argc, char **argv)
+{
+    return output_status(run(argc, argv));
 }

@@ -19,6 +19,7 @@
 
 #include "fields.h"
 #include "paths.h"
+#include "wrap.h"
 
 struct list_head reserved_list = LIST_HEAD_INIT(reserved_list);
 struct list_head memblock_reserved_list = LIST_HEAD_INIT(memblock_reserved_list);
@@ -284,7 +285,7 @@ long cal_bp_hole_size(unsigned long *memhole_kb, unsigned long *nomap_inhole_kb)
     /* No-map regions in front of the first range, or an empty memory table, put more no-map
      * bytes in holes than there are holes. Show the shortfall as a negative figure so the
      * summary still adds up, never as a wrapped unsigned count. */
-    return bytes_to_kb_signed(-static_cast<int64_t>(inhole - holes));
+    return bytes_to_kb_signed(static_cast<int64_t>(holes - inhole)); /* wraps, never overflows */
 }
 
 void print_cma_driver_used(bool total_only)
@@ -432,11 +433,12 @@ int print_reserved_report(void)
             printf(
                 "%ld KB = bp hole(%ld KB) + fdt_nomap(%ld KB) + mb_reserved(%ld KB) - "
                 "cma_total(%ld KB)\n\n",
-                nomap + mb_reserved - cma + bp, bp, nomap, mb_reserved, cma);
+                kb_add(kb_sub(kb_add(nomap, mb_reserved), cma), bp), bp, nomap, mb_reserved, cma);
             printf("bootloader_memhole(%ld KB) = bp hole(%ld KB) + fdt_nomap_inhole(%ld KB)\n\n",
                    static_cast<long>(memhole), bp, static_cast<long>(nomap_inhole));
             printf("fdt nomap(%ld KB) = fdt_nomap_inkernel (%ld KB) + fdt_nomap_inhole(%ld KB)\n\n",
-                   nomap, nomap - static_cast<long>(nomap_inhole), static_cast<long>(nomap_inhole));
+                   nomap, kb_sub(nomap, static_cast<long>(nomap_inhole)),
+                   static_cast<long>(nomap_inhole));
         }
     }
     fclose(fp);

@@ -1,24 +1,32 @@
 /* Unmapped DMA-BUF accounting: which buffers no process maps, and who still holds them.
  *
  * Processes come and go while /proc is walked, so a walk that meets a process it cannot read
- * fails as a whole and is run again from an empty list. */
+ * fails as a whole and is run again from an empty list; one that has exited in the meantime
+ * (its /proc directory is gone) is simply no longer there. Buffers come and go under
+ * /sys/kernel/dmabuf/buffers too: a read of the statistics that meets a freed buffer is made
+ * again from scratch. */
 #include "unmapped.h"
 
 #include <base/stringprintf.h>
 #include <dirent.h>
 #include <dmabufinfo/dmabuf_sysfs_stats.h>
+#include <errno.h>
 #include <inttypes.h>
 #include <meminfo/sysmeminfo.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <new>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "paths.h"
+#include "term.h"
+#include "wrap.h"
 
 using android::dmabufinfo::DmaBuffer;
 using android::dmabufinfo::DmaBufferList;
@@ -26,6 +34,11 @@ using android::dmabufinfo::DmaBufferList;
 /* Full passes a failing walk gets before the last, forgiving one. A process that exits during
  * a pass is gone by the next; one that fails three times in a row is not going to be read. */
 #define WALK_STRICT_PASSES 3
+
+/* Reads of the DMA-BUF sysfs statistics before giving up. A buffer freed between the listing
+ * and the read of its files fails one read and is gone from the next listing; a tree that
+ * fails this many reads in a row is damaged, not moving (each read takes milliseconds). */
+#define SYSFS_READ_ATTEMPTS 10
 
 /* A walk that skips the processes it cannot read instead of failing records them here. */
 struct walk_skips {
@@ -45,10 +58,19 @@ static bool is_process_entry(const struct dirent *entry, int *pid)
     return *pid != 0;
 }
 
+bool process_exited(const char *proc_root, int pid)
+{
+    struct stat st;
+
+    return stat(android::base::StringPrintf("%s/%d", proc_root, pid).c_str(), &st) != 0 &&
+           errno == ENOENT;
+}
+
 /* Runs step for every process under /proc on a list emptied first. Without skips the walk
  * stops at the first process that fails (-1); with skips it notes that process and goes on.
  * The records are gathered in a list indexed by inode, which the walk owns and drops when it
- * hands them over. */
+ * hands them over. A process that failed because it exited during the walk fails nothing:
+ * what it held went with it. */
 static int walk_processes(DIR *dir, std::vector<DmaBuffer> *dmabufs, process_step step,
                           struct walk_skips *skips)
 {
@@ -57,7 +79,7 @@ static int walk_processes(DIR *dir, std::vector<DmaBuffer> *dmabufs, process_ste
     int pid, ret = 0;
 
     while ((entry = readdir(dir))) {
-        if (!is_process_entry(entry, &pid) || step(pid, &list))
+        if (!is_process_entry(entry, &pid) || step(pid, &list) || process_exited(PROC_ROOT, pid))
             continue;
         if (!skips) {
             ret = -1;
@@ -129,8 +151,11 @@ static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmab
     struct walk_skips skips;
 
     for (int pass = 0; pass < WALK_STRICT_PASSES; pass++) {
-        if (walk(dmabufs, NULL) == 0)
+        if (walk(dmabufs, NULL) == 0) {
+            if (pass > 0)
+                fprintf(stderr, "quarrystat: the %s DMA-BUF walk took %d passes\n", what, pass + 1);
             return;
+        }
     }
     if (walk(dmabufs, &skips) != 0) {
         /* Only the held walk gets here (the mapped walk ends the program instead). With no
@@ -152,7 +177,37 @@ static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmab
     fputc('\n', stderr);
 }
 
-long get_unmapped_buf_total()
+int read_with_retries(sysfs_read read, void *out, const char *path)
+{
+    for (int attempt = 1; attempt <= SYSFS_READ_ATTEMPTS; attempt++) {
+        if (read(out, path)) {
+            if (attempt > 1)
+                fprintf(stderr, "quarrystat: read %s in %d attempts\n", path, attempt);
+            return attempt;
+        }
+    }
+    return -1;
+}
+
+static bool read_exported_kb(void *out, const char *path)
+{
+    return android::dmabufinfo::GetDmabufTotalExportedKb(static_cast<uint64_t *>(out), path);
+}
+
+static bool read_sysfs_stats(void *out, const char *path)
+{
+    return android::dmabufinfo::GetDmabufSysfsStats(
+        static_cast<android::dmabufinfo::DmabufSysfsStats *>(out), path);
+}
+
+/* Names what could not be allocated when the C++ library runs out of memory. */
+static void report_no_memory(const char *what)
+{
+    fprintf(stderr, "quarrystat: out of memory: cannot allocate memory for %s\n", what);
+}
+
+/* get_unmapped_buf_total's work; *what names the memory being filled at each step. */
+static long unmapped_buf_total(const char **what)
 {
     std::vector<DmaBuffer> mapped;
     uint64_t value = 0;
@@ -166,25 +221,27 @@ long get_unmapped_buf_total()
     bool pools_read = android::meminfo::ReadIonPoolsSizeKb(&value, ION_TOTAL_POOLS_KB);
     int64_t pools = static_cast<int64_t>(value);
 
+    *what = "the mapped DMA-BUF buffers";
     collect_with_retries(walk_mapped, &mapped, "mapped");
     /* One record per buffer, rounded down to whole KB each. */
     for (const DmaBuffer &buf : mapped)
         mapped_kb += buf.size() >> 10;
 
     if (heaps >= 0 && pools_read && pools >= 0) {
-        result = static_cast<long>(heaps - static_cast<int64_t>(mapped_kb));
+        result = kb_sub(static_cast<long>(heaps), static_cast<long>(mapped_kb));
         printf("ION unmapped:   %ld KB\n", result);
         return result;
     }
     uint64_t exported_kb = 0;
-    if (!android::dmabufinfo::GetDmabufTotalExportedKb(&exported_kb, DMABUF_SYSFS_BUFFERS)) {
+    *what = "the DMA-BUF sysfs total";
+    if (read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) < 0) {
         /* Without the exported total there is no unmapped figure to give. Saying so, and adding
          * nothing to the kernel total, keeps that total a sum of figures that were read; -1
          * minus the mapped total would put an invented number into it. */
         printf("DMA-BUF unmapped:   unknown (%s unreadable)\n", DMABUF_SYSFS_BUFFERS);
         return 0;
     }
-    result = static_cast<long>(static_cast<int64_t>(exported_kb) - static_cast<int64_t>(mapped_kb));
+    result = kb_sub(static_cast<long>(exported_kb), static_cast<long>(mapped_kb));
     printf("DMA-BUF unmapped:   %ld KB\n", result);
     return result;
 }
@@ -192,6 +249,18 @@ long get_unmapped_buf_total()
 void collect_held_dmabufs(std::vector<DmaBuffer> *held)
 {
     collect_with_retries(walk_held, held, "held");
+}
+
+long get_unmapped_buf_total()
+{
+    const char *what = "the ION totals";
+
+    try {
+        return unmapped_buf_total(&what);
+    } catch (const std::bad_alloc &) {
+        report_no_memory(what);
+        throw;
+    }
 }
 
 /* The process name from /proc/<pid>/comm, or "N/A" when it has gone or says nothing. */
@@ -213,12 +282,13 @@ static std::string owner_text(const DmaBuffer *held)
         return "kernel";
     for (int pid : held->pids()) {
         owner += android::base::StringPrintf("[%ld]", static_cast<long>(pid));
-        owner += android::base::StringPrintf("%s ", process_name(pid).c_str());
+        owner += android::base::StringPrintf("%s ", term_safe(process_name(pid)).c_str());
     }
     return owner;
 }
 
-void show_unmapped_dmabuf()
+/* show_unmapped_dmabuf's work; *what names the memory being filled at each step. */
+static void unmapped_report(const char **what)
 {
     /* ION devices keep their own accounting; this report is for DMA-BUF sysfs only. */
     static const bool ion_present = access(ION_DEVICE, R_OK) == 0;
@@ -238,14 +308,17 @@ void show_unmapped_dmabuf()
         mapped_inodes.insert(buf.inode());
     std::vector<DmaBuffer>().swap(mapped);
 
+    *what = "the held DMA-BUF buffers";
     collect_held_dmabufs(&held);
-    if (!android::dmabufinfo::GetDmabufSysfsStats(&stats, DMABUF_SYSFS_BUFFERS)) {
+    *what = "the DMA-BUF sysfs statistics";
+    if (read_with_retries(read_sysfs_stats, &stats, DMABUF_SYSFS_BUFFERS) < 0) {
         puts("Unable to read DMA-BUF sysfs stats from device");
         return;
     }
 
     /* Inode numbers are matched and printed whole, 64 bits: a buffer from 2^32 up is still
      * found and shown as the kernel numbers it. Smaller ones print as "%16u" would. */
+    *what = "the report's rows";
     std::unordered_map<uint64_t, const DmaBuffer *> held_by_inode;
     for (const DmaBuffer &buf : held)
         held_by_inode.emplace(buf.inode(), &buf);
@@ -258,8 +331,21 @@ void show_unmapped_dmabuf()
         auto it = held_by_inode.find(row.inode);
         std::string owner = owner_text(it == held_by_inode.end() ? NULL : it->second);
         printf("%16" PRIu64 " |%16" PRIu64 " | %16s | %-64s\n", row.inode, row.size,
-               row.exporter_name.c_str(), owner.c_str());
-        total_kb += static_cast<long>(row.size >> 10);
+               term_safe(row.exporter_name).c_str(), owner.c_str());
+        total_kb = kb_add(total_kb, static_cast<long>(row.size >> 10));
     }
     printf("\nUnmapped dmabuf total size is %ld KB\n", total_kb);
+}
+
+int show_unmapped_dmabuf()
+{
+    const char *what = "the mapped DMA-BUF buffers";
+
+    try {
+        unmapped_report(&what);
+    } catch (const std::bad_alloc &) {
+        report_no_memory(what);
+        return -ENOMEM;
+    }
+    return 0;
 }

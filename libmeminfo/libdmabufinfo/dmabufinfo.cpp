@@ -116,16 +116,19 @@ class LineReader {
 
     char* Next() {
         for (;;) {
-            char* newline =
-                end_ > start_
-                    ? static_cast<char*>(memchr(buf_.data() + start_, '\n', end_ - start_))
-                    : nullptr;
+            // Only the bytes the last search has not seen are searched: a line of many reads
+            // is then scanned once, not once per read.
+            size_t from = scanned_ > start_ ? scanned_ : start_;
+            char* newline = end_ > from
+                                ? static_cast<char*>(memchr(buf_.data() + from, '\n', end_ - from))
+                                : nullptr;
             if (newline != nullptr) {
                 *newline = '\0';
                 char* line = buf_.data() + start_;
                 start_ = newline - buf_.data() + 1;
                 return line;
             }
+            scanned_ = end_;
             if (eof_) {
                 if (start_ == end_) return nullptr;
                 buf_[end_] = '\0';  // the last line, without a newline
@@ -140,8 +143,9 @@ class LineReader {
   private:
     void Fill() {
         // Keep the unfinished line, move it to the front and make room behind it.
-        if (end_ > start_) memmove(buf_.data(), buf_.data() + start_, end_ - start_);
+        if (start_ > 0 && end_ > start_) memmove(buf_.data(), buf_.data() + start_, end_ - start_);
         end_ -= start_;
+        scanned_ = scanned_ > start_ ? scanned_ - start_ : 0;
         start_ = 0;
         if (buf_.size() - end_ < chunk_ + 1) buf_.resize(end_ + chunk_ + 1);
         ssize_t n;
@@ -160,6 +164,7 @@ class LineReader {
     size_t chunk_;
     std::vector<char> buf_;
     size_t start_ = 0, end_ = 0;
+    size_t scanned_ = 0;  // buf_[start_, scanned_) holds no newline
     bool eof_ = false;
     int error_ = 0;
 };

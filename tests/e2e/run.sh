@@ -11,6 +11,14 @@
 #   stderr   optional: lines that must each appear in standard error (fixed strings)
 #   prepare  optional: shell script run in the copied tree before the tool (chmod, fifos, ...)
 #   user     optional: uid to run as
+#   stderr-absent  optional: lines that must not appear in standard error (fixed strings)
+#   stdout-device  optional: a device standard output goes to instead (/dev/full); the golden
+#            stdout then holds only the command line
+#   tty      optional: standard output is a pseudo-terminal (script(1)); its line ends are
+#            turned back into newlines before the comparison
+#   as-limit optional: the tool's address-space limit in KiB (ulimit -v); a sanitizer build
+#            reserves terabytes of shadow memory and cannot run under one, so there the case
+#            is passed over
 # --update rewrites stdout and status from this run; review the diff before committing it.
 set -euo pipefail
 
@@ -28,12 +36,31 @@ eval "argv=($args)"
 opts=()
 [ -f "$case_dir/prepare" ] && opts+=(--prepare "$case_dir/prepare")
 [ -f "$case_dir/user" ] && opts+=(--user "$(cat "$case_dir/user")")
+if [ -f "$case_dir/as-limit" ]; then
+  if ldd "$binary" >/dev/null 2>&1; then
+    echo "ok $name (passed over: a dynamically linked build cannot run under an address-space limit)"
+    exit 0
+  fi
+  export QUARRY_AS_LIMIT_KB=$(cat "$case_dir/as-limit")
+fi
 
 out=$(mktemp) err=$(mktemp)
 trap 'rm -f "$out" "$err" "$out.all"' EXIT
 set +e
-"$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}" >"$out" 2>"$err"
-status=$?
+if [ -f "$case_dir/tty" ]; then
+  # script(1) gives the tool a terminal and copies what it shows; the runner's exit status
+  # comes back through -e.
+  cmd=$(printf '%q ' "$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}")
+  timeout 60 script -qec "$cmd 2>$(printf '%q' "$err")" /dev/null </dev/null | tr -d '\r' >"$out"
+  status=${PIPESTATUS[0]}
+elif [ -f "$case_dir/stdout-device" ]; then
+  "$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}" \
+    >"$(cat "$case_dir/stdout-device")" 2>"$err"
+  status=$?
+else
+  "$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}" >"$out" 2>"$err"
+  status=$?
+fi
 set -e
 { printf '$ quarrystat%s\n' "${args:+ $args}"; cat "$out"; } >"$out.all"
 
@@ -61,6 +88,14 @@ if [ -f "$case_dir/stderr" ]; then
       fail=1
     fi
   done <"$case_dir/stderr"
+fi
+if [ -f "$case_dir/stderr-absent" ]; then
+  while IFS= read -r line; do
+    if grep -qF -- "$line" "$err"; then
+      echo "FAIL $name: standard error has: $line"
+      fail=1
+    fi
+  done <"$case_dir/stderr-absent"
 fi
 if [ $fail -ne 0 ]; then
   echo "--- standard error was:"

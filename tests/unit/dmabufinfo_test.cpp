@@ -330,6 +330,35 @@ TEST(ReadDmaBufMapRefs, LongLinesAreReadWhole) {
     EXPECT_EQ(0x2000u, bufs[0].size());
 }
 
+// Lines longer than one read, newlines right at and right after a read's end, and a last line
+// without one: every line comes out whole and once.
+TEST(ReadDmaBufMapRefs, LinesAcrossManyReads) {
+    TempTree t;
+    const size_t chunk = 64 * 1024;
+    std::string head = "7f00000000-7f00001000 r--p 00000000 fd:05 1234   /data/";
+    std::string maps = head + std::string(3 * chunk - head.size() - 1, 'p') + "\n";  // ends a read
+    maps += MapLine(0x1000, 0x3000, 4, "/dmabuf:a");
+    maps += head + std::string(chunk, 'q') + "\n";
+    maps += MapLine(0x5000, 0x6000, 6, "/dmabuf:b");
+    maps.pop_back();  // no newline at the end
+    t.Write("proc/5/maps", maps);
+    std::vector<DmaBuffer> bufs;
+    ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
+    ASSERT_EQ(2u, bufs.size());
+    EXPECT_EQ(4u, bufs[0].inode());
+    EXPECT_EQ(0x2000u, bufs[0].size());
+    EXPECT_EQ(6u, bufs[1].inode());
+
+    // fdinfo is read 4 KB at a time: a long name line does not hide the lines after it.
+    t.Write("proc/6/fdinfo/3", "pos:\t0\nname:\t" + std::string(10000, 'n') +
+                                   "\nino:\t9\nsize:\t4096\ncount:\t1\nexp_name:\tsystem\n");
+    std::vector<DmaBuffer> held;
+    ASSERT_TRUE(ReadDmaBufFdRefs(6, &held, t.Path("proc")));
+    ASSERT_EQ(1u, held.size());
+    EXPECT_EQ(9u, held[0].inode());
+    EXPECT_EQ(10000u, held[0].name().size());
+}
+
 // The lab board's captures (kernel 6.1): a parent (68) and a child (69) holding and mapping seven
 // buffers in known states; the kernel alone holds inode 7.
 class LabCapture : public ::testing::Test {

@@ -1,18 +1,151 @@
-// The -u report's process walks, where no fixture tree can show it: /proc gone between walks.
+// What the unmapped reports do when processes and buffers come and go while they read, and how
+// they show names on a terminal.
 #include "unmapped.h"
 
+#include <dmabufinfo/dmabuf_sysfs_stats.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "temp_tree.h"
+#include "term.h"
 
 namespace {
+
+using android::dmabufinfo::DmabufSysfsStats;
+
+TEST(ProcessExited, OnlyWhenItsDirectoryIsGone) {
+    TempTree t;
+    t.Write("proc/42/maps", "");
+    EXPECT_FALSE(process_exited(t.Path("proc").c_str(), 42));
+    // A zombie keeps its directory with nothing readable in it: it has not exited yet.
+    std::filesystem::remove(t.Path("proc/42/maps"));
+    EXPECT_FALSE(process_exited(t.Path("proc").c_str(), 42));
+    std::filesystem::remove_all(t.Path("proc/42"));
+    EXPECT_TRUE(process_exited(t.Path("proc").c_str(), 42));
+}
+
+// A sysfs tree caught while the kernel frees buffer 2: its directory is listed but its files
+// are gone. Each failed read lets the free finish (the directory goes) before the next one.
+struct Moving {
+    TempTree t;
+    int reads = 0;
+    bool freed_on_failure = true;
+    DmabufSysfsStats stats;
+    uint64_t exported_kb = 0;
+
+    Moving() {
+        t.Write("buffers/1/size", "4096\n");
+        t.Write("buffers/1/exporter_name", "system\n");
+        t.Write("buffers/2/exporter_name", "system\n");  // size already removed
+        t.Write("buffers/3/size", "8192\n");
+        t.Write("buffers/3/exporter_name", "cma\n");
+    }
+    std::string path() const { return t.Path("buffers"); }
+    void AfterRead(bool ok) {
+        reads++;
+        if (!ok && freed_on_failure) std::filesystem::remove_all(t.Path("buffers/2"));
+    }
+};
+
+bool ReadStats(void* out, const char* path) {
+    auto* m = static_cast<Moving*>(out);
+    bool ok = android::dmabufinfo::GetDmabufSysfsStats(&m->stats, path);
+    m->AfterRead(ok);
+    return ok;
+}
+
+bool ReadExported(void* out, const char* path) {
+    auto* m = static_cast<Moving*>(out);
+    bool ok = android::dmabufinfo::GetDmabufTotalExportedKb(&m->exported_kb, path);
+    m->AfterRead(ok);
+    return ok;
+}
+
+TEST(ReadWithRetries, FreedBufferIsGoneOnTheNextRead) {
+    Moving m;
+    EXPECT_EQ(2, read_with_retries(ReadStats, &m, m.path().c_str()));
+    EXPECT_EQ(2, m.reads);
+    ASSERT_EQ(2u, m.stats.buffer_stats().size());
+    EXPECT_EQ(2u, m.stats.total_count());
+    EXPECT_EQ(12288u, m.stats.total_size());  // nothing of the failed read is left over
+
+    Moving n;
+    EXPECT_EQ(2, read_with_retries(ReadExported, &n, n.path().c_str()));
+    EXPECT_EQ(12u, n.exported_kb);
+}
+
+TEST(ReadWithRetries, StillTreeReadsOnce) {
+    Moving m;
+    std::filesystem::remove_all(m.t.Path("buffers/2"));
+    EXPECT_EQ(1, read_with_retries(ReadStats, &m, m.path().c_str()));
+    EXPECT_EQ(1, m.reads);
+}
+
+TEST(ReadWithRetries, DamagedTreeGivesUpAfterBoundedReads) {
+    Moving m;
+    m.freed_on_failure = false;  // the size file is missing for good
+    EXPECT_EQ(-1, read_with_retries(ReadStats, &m, m.path().c_str()));
+    EXPECT_GT(m.reads, 1);
+    EXPECT_LE(m.reads, 20);
+
+    Moving n;
+    n.freed_on_failure = false;
+    EXPECT_EQ(-1, read_with_retries(ReadExported, &n, n.path().c_str()));
+    EXPECT_EQ(m.reads, n.reads);
+}
+
+TEST(EscapeControls, EveryControlCharacterAndNothingElse) {
+    const struct {
+        std::string in, out;
+    } cases[] = {
+        {"surfaceflinger", "surfaceflinger"},
+        {"", ""},
+        {"\x1b]0;owned\x07", "\\x1b]0;owned\\x07"},
+        {"a\tb\nc\rd", "a\\x09b\\x0ac\\x0dd"},
+        {"del\x7f", "del\\x7f"},
+        {std::string("nul\0x", 5), "nul\\x00x"},
+        {"caf\xc3\xa9 \\x1b", "caf\xc3\xa9 \\x1b"},  // UTF-8 and a literal backslash stay
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.out, escape_controls(c.in)) << c.in;
+}
+
+// Runs term_safe with standard output on fd (a terminal or a pipe) and puts it back.
+std::string TermSafeOn(int fd, const std::string& text) {
+    fflush(stdout);
+    int saved = dup(STDOUT_FILENO);
+    dup2(fd, STDOUT_FILENO);
+    std::string shown = term_safe(text);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    return shown;
+}
+
+TEST(TermSafe, EscapesOnATerminalOnly) {
+    const std::string name = "evil\x1b[2J";
+    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, grantpt(master));
+    ASSERT_EQ(0, unlockpt(master));
+    int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
+    EXPECT_EQ("evil\\x1b[2J", TermSafeOn(slave, name));
+    close(slave);
+    close(master);
+
+    int pipe_fds[2];
+    ASSERT_EQ(0, pipe(pipe_fds));
+    EXPECT_EQ(name, TermSafeOn(pipe_fds[1], name));
+    close(pipe_fds[0]);
+    close(pipe_fds[1]);
+}
 
 // The mapped walk could open /proc, the held walk cannot: after its bounded passes it says
 // that no holders are known, so the report's "kernel" owners are not taken at face value.
