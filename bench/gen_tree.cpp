@@ -64,7 +64,8 @@ int main(int argc, char** argv) {
     char line[512];
 
     std::string sysfs = root + "/sys/kernel/dmabuf/buffers";
-    std::string table = "\nDma-buf Objects:\nsize    \tflags   \tmode    \tcount   \texp_name\tino     \tname\n";
+    std::string table =
+        "\nDma-buf Objects:\nsize    \tflags   \tmode    \tcount   \texp_name\tino     \tname\n";
     unsigned long table_bytes = 0;
     for (int b = buffers - 1; b >= 0; b--) {  // the table lists the newest buffer first
         unsigned long size = 4096UL << (b % 9);

@@ -185,7 +185,7 @@ static bool bufinfo_totals_kb(const std::vector<DmaBuffer> &mapped, uint64_t *ex
         auto it = size_by_inode.find(buf.inode());
         *mapped_kb += (it == size_by_inode.end() ? buf.size() : it->second) >> 10;
     }
-    *exported_kb = stats.total_size() >> 10;  /* rounded once, as from sysfs */
+    *exported_kb = stats.total_size() >> 10; /* rounded once, as from sysfs */
     return true;
 }
 

@@ -18,8 +18,6 @@
 // without its Total line it was cut short and says nothing about the buffers after the cut.
 #include "dmabufinfo/dmabuf_bufinfo.h"
 
-#include <errno.h>
-
 #include <vector>
 
 #include "base/file.h"
@@ -154,8 +152,7 @@ bool ParseDmabufBufinfo(std::string_view text, DmabufSysfsStats* stats, const st
         if (fields.size() <= columns.exporter || fields.size() <= columns.inode ||
             !ParseDecimal(fields[columns.size], &info.size) ||
             !ParseDecimal(fields[columns.inode], &info.inode)) {
-            LOG(ERROR) << "Unable to parse the object on line " << line_number << " of "
-                       << source;
+            LOG(ERROR) << "Unable to parse the object on line " << line_number << " of " << source;
             return false;
         }
         info.exporter_name = std::string(fields[columns.exporter]);

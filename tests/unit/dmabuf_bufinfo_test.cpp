@@ -28,7 +28,8 @@ std::map<uint64_t, std::pair<uint64_t, std::string>> Rows(const DmabufSysfsStats
     return rows;
 }
 
-const char kHeader[] = "\nDma-buf Objects:\nsize    \tflags   \tmode    \tcount   \texp_name\tino     \tname\n";
+const char kHeader[] =
+    "\nDma-buf Objects:\nsize    \tflags   \tmode    \tcount   \texp_name\tino     \tname\n";
 const char kObjectA[] =
     "00004096\t00000002\t00080007\t00000001\tsystem\t00000012\t<none>\n"
     "\tAttached Devices:\nTotal 0 devices attached\n\n";
@@ -47,7 +48,8 @@ TEST(GetDmabufBufinfoStats, LabTablesMatchSysfs) {
         sysfs[inode] = {std::stoull(size.substr(5)), exporter.substr(14)};
     ASSERT_EQ(7u, sysfs.size());
 
-    for (const char* rel : {"lab-arm64-6.1/dma-buf-bufinfo.txt", "lab-arm64-6.12/dma-buf-bufinfo.txt"}) {
+    for (const char* rel :
+         {"lab-arm64-6.1/dma-buf-bufinfo.txt", "lab-arm64-6.12/dma-buf-bufinfo.txt"}) {
         TempTree t;
         t.Write("bufinfo", RealData(rel));
         DmabufSysfsStats stats;
@@ -94,8 +96,8 @@ TEST(GetDmabufBufinfoStats, ExcerptWithoutTotalIsRefused) {
 }
 
 TEST(ParseDmabufBufinfo, Layouts) {
-    std::string both = std::string(kHeader) + kObjectA + kObjectB +
-                       "\nTotal 2 objects, 5368713216 bytes\n";
+    std::string both =
+        std::string(kHeader) + kObjectA + kObjectB + "\nTotal 2 objects, 5368713216 bytes\n";
     DmabufSysfsStats stats;
     ASSERT_TRUE(ParseDmabufBufinfo(both, &stats, "t"));
     ASSERT_EQ(2u, stats.buffer_stats().size());
@@ -106,7 +108,8 @@ TEST(ParseDmabufBufinfo, Layouts) {
     EXPECT_EQ(12u, stats.buffer_stats()[0].inode);  // zero padding is not octal
 
     // No buffers at all.
-    ASSERT_TRUE(ParseDmabufBufinfo(std::string(kHeader) + "\nTotal 0 objects, 0 bytes\n", &stats, "t"));
+    ASSERT_TRUE(
+        ParseDmabufBufinfo(std::string(kHeader) + "\nTotal 0 objects, 0 bytes\n", &stats, "t"));
     EXPECT_TRUE(stats.buffer_stats().empty());
     EXPECT_EQ(0u, stats.total_size());
 
@@ -142,10 +145,10 @@ TEST(ParseDmabufBufinfo, RefusedTables) {
          "Unable to parse the object on line 4 of t", 0},
         {"object before a header", "00004096\t0\t0\t1\tsystem\t12\t\nTotal 1 objects, 4096 bytes\n",
          "Unexpected object on line 1 of t", 0},
-        {"object after the total",
-         std::string(kHeader) + "Total 0 objects, 0 bytes\n" + kObjectA,
+        {"object after the total", std::string(kHeader) + "Total 0 objects, 0 bytes\n" + kObjectA,
          "Unexpected object on line 5 of t", 0},
-        {"header without exp_name", "size\tflags\n", "Unable to parse the header on line 1 of t", 0},
+        {"header without exp_name", "size\tflags\n", "Unable to parse the header on line 1 of t",
+         0},
     };
     for (const auto& c : cases) {
         DmabufSysfsStats stats;
@@ -160,8 +163,8 @@ TEST(ParseDmabufBufinfo, RefusedTables) {
 TEST(GetDmabufBufinfoStats, UnreadableFileLeavesStats) {
     TempTree t;
     DmabufSysfsStats stats;
-    ASSERT_TRUE(ParseDmabufBufinfo(std::string(kHeader) + kObjectA + "Total 1 objects, 4096 bytes\n",
-                                   &stats, "t"));
+    ASSERT_TRUE(ParseDmabufBufinfo(
+        std::string(kHeader) + kObjectA + "Total 1 objects, 4096 bytes\n", &stats, "t"));
     LogCapture log;
     EXPECT_FALSE(GetDmabufBufinfoStats(&stats, t.Path("none")));
     ASSERT_EQ(1u, log.messages().size());
