@@ -1,7 +1,9 @@
-// Writes a synthetic device tree for the -u / -n benchmark:  gen_tree DIR SCALE
+// Writes a synthetic device tree for the -u / -n benchmark:  gen_tree DIR SCALE [bufinfo]
 // At scale 1: 1000 processes, each with 3000 maps lines (10 of them /dmabuf mappings) and 64
 // descriptors (8 of them DMA-BUF), and 2000 exported buffers; SCALE multiplies the processes
-// and the buffers. Line shapes follow real Android maps and DMA-BUF fdinfo files.
+// and the buffers. Line shapes follow real Android maps and DMA-BUF fdinfo files. The buffers
+// are sysfs directories, or with "bufinfo" the debug file system's table of a kernel without
+// the sysfs statistics (d/dma_buf/bufinfo, the 6.1 layout).
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -49,10 +51,11 @@ static const char* const kNames[] = {
 };
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        fprintf(stderr, "usage: gen_tree DIR SCALE\n");
+    if (argc != 3 && !(argc == 4 && strcmp(argv[3], "bufinfo") == 0)) {
+        fprintf(stderr, "usage: gen_tree DIR SCALE [bufinfo]\n");
         return 2;
     }
+    const bool bufinfo = argc == 4;
     std::string root = argv[1];
     int scale = atoi(argv[2]);
     const int procs = 1000 * scale, buffers = 2000 * scale;
@@ -61,11 +64,30 @@ int main(int argc, char** argv) {
     char line[512];
 
     std::string sysfs = root + "/sys/kernel/dmabuf/buffers";
-    for (int b = 0; b < buffers; b++) {
+    std::string table =
+        "\nDma-buf Objects:\nsize    \tflags   \tmode    \tcount   \texp_name\tino     \tname\n";
+    unsigned long table_bytes = 0;
+    for (int b = buffers - 1; b >= 0; b--) {  // the table lists the newest buffer first
+        unsigned long size = 4096UL << (b % 9);
+        const char* exporter = b % 5 ? "system" : "qcom,system-uncached";
+        if (bufinfo) {
+            snprintf(line, sizeof(line),
+                     "%08lu\t00000002\t00080007\t00000003\t%s\t%08lu\t<none>\n"
+                     "\tAttached Devices:\nTotal 0 devices attached\n\n",
+                     size, exporter, first_inode + b);
+            table += line;
+            table_bytes += size;
+            continue;
+        }
         std::string dir = sysfs + "/" + std::to_string(first_inode + b);
         Mkdirs(dir);
-        WriteFile(dir + "/size", std::to_string(4096UL << (b % 9)) + "\n");
-        WriteFile(dir + "/exporter_name", b % 5 ? "system\n" : "qcom,system-uncached\n");
+        WriteFile(dir + "/size", std::to_string(size) + "\n");
+        WriteFile(dir + "/exporter_name", std::string(exporter) + "\n");
+    }
+    if (bufinfo) {
+        snprintf(line, sizeof(line), "\nTotal %d objects, %lu bytes\n", buffers, table_bytes);
+        Mkdirs(root + "/d/dma_buf");
+        WriteFile(root + "/d/dma_buf/bufinfo", table + line);
     }
 
     for (int p = 0; p < procs; p++) {

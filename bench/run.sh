@@ -63,6 +63,20 @@ for scale in $SCALES; do
   rm -rf "$tree"
   tree=""
 done
+# The same trees with the exported buffers in the debug file system's table instead of sysfs
+# (a kernel without the DMA-BUF sysfs statistics): -n reads one file instead of a directory per
+# buffer, and must be no slower. -u reports from sysfs only, so it is not timed here.
+for scale in 1 4; do
+  for source in sysfs bufinfo; do
+    tree=$(mktemp -d /dev/shm/quarry-bench-tree.XXXXXX)
+    # shellcheck disable=SC2046  # no word, or the one word bufinfo
+    "$bench/gen_tree" "$tree" "$scale" $([ "$source" = bufinfo ] && echo bufinfo)
+    cp "$bin" "$tree/quarrystat"
+    echo "scale ${scale}x -n from $source: $("$bench/qbench" --chroot "$tree" "$RUNS" /quarrystat -n)"
+    rm -rf "$tree"
+    tree=""
+  done
+done
 if [ -n "${u_time[1]:-}" ] && [ -n "${u_time[4]:-}" ]; then
   awk -v a="${u_time[1]}" -v b="${u_time[4]}" 'BEGIN { printf "-u time at 4x / time at 1x: %.2f\n", b / a }'
 fi

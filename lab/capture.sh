@@ -23,6 +23,8 @@ done
 for f in /sys/kernel/ion/total_heaps_kb /sys/kernel/ion/total_pools_kb; do
 	[ -e "$f" ] && copy "$f"
 done
+# Kernels without the DMA-BUF sysfs statistics list their buffers only in the debug table.
+[ -e /d/dma_buf/bufinfo ] && copy /d/dma_buf/bufinfo
 for d in /sys/kernel/dmabuf/buffers/*; do
 	[ -d "$d" ] || continue
 	copy "$d/size"
@@ -40,7 +42,8 @@ for p in /proc/[0-9]*; do
 		[ -e "$f" ] && copy "$f"
 	done
 done
-mkdir -p "$stage/sys/kernel/dmabuf/buffers"
+# An empty buffers folder is a device without buffers; a missing one, a kernel without the folder.
+[ -d /sys/kernel/dmabuf/buffers ] && mkdir -p "$stage/sys/kernel/dmabuf/buffers"
 tar -czf "$out" -C "$stage" .
 status=$?
 rm -rf "$stage"

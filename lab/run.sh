@@ -13,8 +13,13 @@ binary=$(realpath "${1:-$top/build/aarch64/tool/quarrystat}")
 cache=${QUARRY_LAB_CACHE:-/var/cache/quarrystat-lab}
 "$top/scripts/setup.sh" cross lab
 
+# Every check runs on both lab kernels: 6.1 with the DMA-BUF sysfs statistics, 6.12 without.
+[ -n "${QUARRY_LAB_KERNEL:-}" ] || exec "$here/kernels.sh" "$binary"
 start=$(date +%s)
-image=$("$here/kernel/build.sh")
+case $QUARRY_LAB_KERNEL in
+  6.12) image=$("$here/kernel/build-6.12.sh") ;;
+  *) image=$("$here/kernel/build.sh") ;;
+esac
 echo "lab: kernel $image ($(( $(date +%s) - start )) s)"
 
 work=$(mktemp -d)
@@ -35,7 +40,7 @@ fi
 mkdir -p root/bin root/lab root/proc root/sys root/dev root/tmp
 cp "$busybox" root/bin/busybox
 cp "$here/guest/init" root/init
-cp "$here/guest/checks.sh" "$here/capture.sh" root/lab/
+cp "$here/guest/checks.sh" "$here/guest/checks_bufinfo.sh" "$here/guest/sysfs_hidden.sh" "$here/capture.sh" root/lab/
 cp "$binary" root/lab/quarrystat
 aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c"
 chmod +x root/init root/lab/*

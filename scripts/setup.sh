@@ -14,8 +14,9 @@ for extra in "$@"; do
     fuzz) want+=(clang libclang-rt-14-dev) ;;
     cross) want+=(g++-aarch64-linux-gnu qemu-user-static zlib1g-dev:arm64 libc6-dev:arm64) ;;
     valgrind) want+=(valgrind libc6-dbg) ;;
-    lab) want+=(linux-source-6.1 bc bison flex libssl-dev libelf-dev device-tree-compiler
-                qemu-system-arm cpio gcc-aarch64-linux-gnu binutils-aarch64-linux-gnu file) ;;
+    lab) want+=(linux-source-6.1 linux-source-6.12 bc bison flex libssl-dev libelf-dev
+                device-tree-compiler qemu-system-arm cpio gcc-aarch64-linux-gnu
+                binutils-aarch64-linux-gnu file) ;;
     *) echo "setup.sh: unknown extra: $extra" >&2; exit 2 ;;
   esac
 done

@@ -12,6 +12,7 @@
 #define PROC_CONFIG_GZ "/proc/config.gz"
 #define PROC_ROOT "/proc"
 #define DMABUF_SYSFS_BUFFERS "/sys/kernel/dmabuf/buffers"
+#define DMABUF_BUFINFO "/d/dma_buf/bufinfo"
 #define ION_TOTAL_HEAPS_KB "/sys/kernel/ion/total_heaps_kb"
 #define ION_TOTAL_POOLS_KB "/sys/kernel/ion/total_pools_kb"
 #define ION_DEVICE "/dev/ion"

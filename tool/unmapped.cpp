@@ -9,6 +9,7 @@
 
 #include <base/stringprintf.h>
 #include <dirent.h>
+#include <dmabufinfo/dmabuf_bufinfo.h>
 #include <dmabufinfo/dmabuf_sysfs_stats.h>
 #include <errno.h>
 #include <inttypes.h>
@@ -185,6 +186,11 @@ int read_with_retries(sysfs_read read, void *out, const char *path)
                 fprintf(stderr, "quarrystat: read %s in %d attempts\n", path, attempt);
             return attempt;
         }
+        /* A directory that is not there is no buffer freed in passing: a kernel without the
+         * statistics, or a damaged tree. Reading it again would only say so again. */
+        struct stat st;
+        if (stat(path, &st) != 0)
+            break;
     }
     return -1;
 }
@@ -204,6 +210,40 @@ static bool read_sysfs_stats(void *out, const char *path)
 static void report_no_memory(const char *what)
 {
     fprintf(stderr, "quarrystat: out of memory: cannot allocate memory for %s\n", what);
+}
+
+/* The exported buffers on a kernel built without the DMA-BUF sysfs statistics, from the debug
+ * file system's table of them. Only when the sysfs directory does not exist: where it does, it
+ * is the one source, even when a read of it fails. */
+static bool read_bufinfo_without_sysfs(android::dmabufinfo::DmabufSysfsStats *stats)
+{
+    struct stat st;
+
+    if (stat(DMABUF_SYSFS_BUFFERS, &st) == 0 || errno != ENOENT)
+        return false;
+    return android::dmabufinfo::GetDmabufBufinfoStats(stats, DMABUF_BUFINFO);
+}
+
+/* -n's exported total from the table, and the mapped total again with the table's sizes: the
+ * mapped walk had no sysfs to ask and took each mapping's length, which a partial mapping makes
+ * smaller than its buffer. Both sources then give the same figure for the same buffers. */
+static bool bufinfo_totals_kb(const std::vector<DmaBuffer> &mapped, uint64_t *exported_kb,
+                              uint64_t *mapped_kb)
+{
+    android::dmabufinfo::DmabufSysfsStats stats;
+
+    if (!read_bufinfo_without_sysfs(&stats))
+        return false;
+    std::unordered_map<uint64_t, uint64_t> size_by_inode;
+    for (const auto &row : stats.buffer_stats())
+        size_by_inode.emplace(row.inode, row.size);
+    *mapped_kb = 0;
+    for (const DmaBuffer &buf : mapped) {
+        auto it = size_by_inode.find(buf.inode());
+        *mapped_kb += (it == size_by_inode.end() ? buf.size() : it->second) >> 10;
+    }
+    *exported_kb = stats.total_size() >> 10; /* rounded once, as from sysfs */
+    return true;
 }
 
 /* get_unmapped_buf_total's work; *what names the memory being filled at each step. */
@@ -234,7 +274,8 @@ static long unmapped_buf_total(const char **what)
     }
     uint64_t exported_kb = 0;
     *what = "the DMA-BUF sysfs total";
-    if (read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) < 0) {
+    if (read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) < 0 &&
+        !bufinfo_totals_kb(mapped, &exported_kb, &mapped_kb)) {
         /* Without the exported total there is no unmapped figure to give. Saying so, and adding
          * nothing to the kernel total, keeps that total a sum of figures that were read; -1
          * minus the mapped total would put an invented number into it. */

@@ -1,5 +1,7 @@
 #include "entries.h"
 
+#include <base/logging.h>
+#include <dmabufinfo/dmabuf_bufinfo.h>
 #include <dmabufinfo/dmabuf_sysfs_stats.h>
 #include <procinfo/process_map.h>
 #include <string.h>
@@ -136,12 +138,33 @@ void FuzzKmodule(const uint8_t* data, size_t size) {
     });
 }
 
+// A table that parses is one whose rows add up to its totals, per exporter and overall.
+void FuzzBufinfo(const uint8_t* data, size_t size) {
+    android::dmabufinfo::DmabufSysfsStats stats;
+    auto old = android::base::SetMinimumLogSeverity(android::base::FATAL_WITHOUT_ABORT);
+    bool ok = android::dmabufinfo::ParseDmabufBufinfo(
+        std::string_view(reinterpret_cast<const char*>(data), size), &stats, "fuzz");
+    android::base::SetMinimumLogSeverity(old);
+    uint64_t bytes = 0, exporter_bytes = 0;
+    unsigned exporter_count = 0;
+    for (const auto& row : stats.buffer_stats()) bytes += row.size;
+    for (const auto& [name, total] : stats.exporter_info()) {
+        exporter_bytes += total.size;
+        exporter_count += total.count;
+    }
+    if (bytes != stats.total_size() || exporter_bytes != bytes ||
+        exporter_count != stats.buffer_stats().size() ||
+        stats.total_count() != stats.buffer_stats().size() || (ok && size == 0))
+        __builtin_trap();
+}
+
 const std::map<std::string, FuzzEntry>& FuzzEntries() {
     static const std::map<std::string, FuzzEntry> entries = {
         {"maps", FuzzMaps},         {"sysfs_number", FuzzSysfsNumber},
         {"fdinfo", FuzzFdInfo},     {"reserved", FuzzReservedStat},
         {"memblock", FuzzMemblock}, {"iomem", FuzzIomem},
         {"meminfo", FuzzMeminfo},   {"kmodule", FuzzKmodule},
+        {"bufinfo", FuzzBufinfo},
     };
     return entries;
 }

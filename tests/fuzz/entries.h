@@ -17,6 +17,7 @@ void FuzzMemblock(const uint8_t* data, size_t size);
 void FuzzIomem(const uint8_t* data, size_t size);
 void FuzzMeminfo(const uint8_t* data, size_t size);
 void FuzzKmodule(const uint8_t* data, size_t size);
+void FuzzBufinfo(const uint8_t* data, size_t size);
 
 // Target name (also its corpus folder) to entry.
 const std::map<std::string, FuzzEntry>& FuzzEntries();

@@ -36,6 +36,8 @@ class DmabufSysfsStats {
     DmabufTotal total_ = {0, 0};
 
     friend bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path);
+    friend bool ParseDmabufBufinfo(std::string_view text, DmabufSysfsStats* stats,
+                                   const std::string& source);
 };
 
 // Every exported buffer, in directory order, with totals per exporter and overall.
