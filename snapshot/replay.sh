@@ -36,13 +36,13 @@ case $status in
   124) echo "replay: unpacking $capture took more than $seconds s; stopped" >&2; exit 124 ;;
   *) exit 2 ;;
 esac
-if file -b "$binary" | grep -q aarch64 && [ "$(uname -m)" != aarch64 ]; then
+if [[ $(file -b "$binary") == *aarch64* ]] && [ "$(uname -m)" != aarch64 ]; then
   export QEMU=${QEMU:-/usr/bin/qemu-aarch64-static}
 fi
 # The data limit leaves user-mode emulation's address-space reservation alone (it is not data);
 # a sanitizer build reserves its shadow memory as data, so it runs with the time limit only.
 limit=(prlimit --data=$((1 << 30)))
-if ldd "$binary" 2>/dev/null | grep -q 'libasan'; then limit=(); fi
+if [[ $(ldd "$binary" 2>/dev/null || true) == *libasan* ]]; then limit=(); fi
 set +e
 timeout -k 5 "$seconds" "${limit[@]}" "$top/scripts/run-in-tree.sh" "$tree" "$binary" "$@"
 status=$?
