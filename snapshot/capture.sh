@@ -7,8 +7,9 @@
 set -u
 out=${1:?usage: capture.sh OUTPUT.tar.gz}
 stage=$(mktemp -d "${TMPDIR:-/data/local/tmp}/quarry-capture.XXXXXX" 2>/dev/null || mktemp -d)
-# Nothing but the archive stays on the device, however the script ends.
-trap 'rm -rf "$stage"' EXIT
+# Nothing but the archive stays on the device, however the script ends (a partial one neither).
+written=0
+trap 'rm -rf "$stage"; [ $written = 1 ] || rm -f "$out"' EXIT
 trap 'exit 1' HUP INT TERM
 copy() {  # copy PATH [AS]: the file's content, under its own path (or AS) in the stage
 	dest=$stage${2:-$1}
@@ -46,5 +47,5 @@ done
 mkdir -p "$stage/sys/kernel/dmabuf/buffers"
 tar -czf "$out" -C "$stage" .
 status=$?
-[ $status = 0 ] || rm -f "$out"
+[ $status != 0 ] || written=1
 exit $status

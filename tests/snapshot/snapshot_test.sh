@@ -128,6 +128,14 @@ capture-mksh)
   timeout 60 chroot "$root" /bin/mksh /capture.sh /no/such/dir/capture.tar.gz 2>/dev/null &&
     fail "capture.sh succeeded writing into a missing folder"
   (cd "$root" && find . | LC_ALL=C sort) | diff "$work/after" - || fail "a failed capture left files behind"
+  # Nor does one stopped while it writes: here a tar that has begun its archive when TERM comes.
+  rm "$root/bin/tar"
+  printf '#!/bin/mksh\necho partial >"$2"\nsleep 30\n' >"$root/bin/tar"
+  chmod 755 "$root/bin/tar"
+  ln -s busybox "$root/bin/sleep"
+  (cd "$root" && find . | LC_ALL=C sort) >"$work/before"
+  timeout -s TERM 2 chroot "$root" /bin/mksh /capture.sh /out/stopped.tar.gz 2>/dev/null
+  (cd "$root" && find . | LC_ALL=C sort) | diff "$work/before" - || fail "a stopped capture left files behind"
   ;;
 *)
   fail "no such case"
