@@ -7,11 +7,16 @@
 #      ".B <status>" line;
 #   4. the code produces no status the table lacks: every exit(N) in tool/ is in the table, and
 #      every negated errno name in tool/ is either a status of the table or named in
-#      NOT_AN_EXIT_STATUS with the reason it never reaches main.
+#      NOT_AN_EXIT_STATUS with the reason it never reaches main;
+#   5. with a BINARY argument: every "# quarrystat ARGS" example of the first EXAMPLES block is
+#      what BINARY prints on the sample snapshot (trailing blanks aside; standard error is not
+#      part of an example).
 # A status of the table whose code is not (or no longer) in tool/ is only warned about: the page
 # may describe a status that a branch not yet merged adds. A new status is added to the table
 # with the code that makes it; the check then demands a line for it in the page.
+#   check-man.sh [BINARY]
 set -euo pipefail
+binary=${1:+$(realpath "$1")}
 cd "$(dirname "$0")/.."
 page=man/quarrystat.1
 fail=0
@@ -66,6 +71,26 @@ for name in $(grep -rhoE -- '-E[A-Z0-9]+\b' tool | sort -u | cut -c2-); do
   for entry in "${NOT_AN_EXIT_STATUS[@]}"; do [[ $entry == "$name|"* ]] && known=1; done
   [ $known = 1 ] || problem "tool/ returns -$name; add its status (256 - $name) to the table and the page, or explain it in NOT_AN_EXIT_STATUS"
 done
+
+if [ -n "$binary" ]; then
+  examples=$(mktemp -d)
+  # The first no-fill block of EXAMPLES, roff escapes undone, split at each "# quarrystat" line.
+  sed -n '/^\.SH EXAMPLES/,/^\.SH /p' "$page" |
+    awk '/^\.EX/ { n++; next } /^\.EE/ { if (n == 1) exit; next } n == 1' | sed 's/\\-/-/g; s/\\(aq/'"'"'/g; s/\\&//g' |
+    awk -v d="$examples" '/^# quarrystat / { n++; sub(/^# quarrystat /, ""); sub(/ 2>\/dev\/null$/, "");
+                                             print > (d "/args." n); next }
+                          n { print > (d "/want." n) }'
+  for args_file in "$examples"/args.*; do
+    n=${args_file##*.}
+    # shellcheck disable=SC2046  # the example's arguments are words
+    scripts/run-in-tree.sh sample/device "$binary" $(cat "$args_file") 2>/dev/null | sed 's/ *$//' >"$examples/got.$n" || true
+    touch "$examples/want.$n"
+    diff -q "$examples/want.$n" "$examples/got.$n" >/dev/null ||
+      problem "example \"quarrystat $(cat "$args_file")\" is not what $binary prints on sample/device: $(diff "$examples/want.$n" "$examples/got.$n" | head -5)"
+  done
+  [ -e "$examples/args.1" ] || problem "no \"# quarrystat\" examples in EXAMPLES"
+  rm -rf "$examples"
+fi
 
 [ $fail = 0 ] && echo "check-man: $page lints clean; options $shorts and $(echo $longs), statuses ${listed[*]} documented"
 exit $fail
