@@ -92,5 +92,5 @@ if [ -n "$binary" ]; then
   rm -rf "$examples"
 fi
 
-[ $fail = 0 ] && echo "check-man: $page lints clean; options $shorts and $(echo $longs), statuses ${listed[*]} documented"
+[ $fail = 0 ] && echo "check-man: $page lints clean; options $shorts and ${longs//$'\n'/ }, statuses ${listed[*]} documented"
 exit $fail

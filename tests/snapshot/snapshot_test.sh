@@ -7,7 +7,7 @@ set -uo pipefail
 top=$(cd "$(dirname "$0")/../.." && pwd)
 binary=$(realpath "$1")
 case_name=$2
-cd "$top"
+cd "$top" || exit 1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL $case_name: $*"; exit 1; }
