@@ -27,7 +27,7 @@ for capture in "$1" "$2"; do
     status=0
     "$here/replay.sh" "${flags[@]}" "$capture" "$3" -$mode >"$work/$side.$mode" 2>"$work/err" ||
       status=$?
-    # The tool's own statuses are 0, 1, 239, 244 and 255; these three are replay's.
+    # The tool's own statuses are 0, 1, 239, 244, 251 and 255; these three are replay's.
     case $status in
       2 | 3 | 124)
         cat "$work/err" >&2
