@@ -40,9 +40,11 @@ fi
 mkdir -p root/bin root/lab root/proc root/sys root/dev root/tmp
 cp "$busybox" root/bin/busybox
 cp "$here/guest/init" root/init
-cp "$here/guest/checks.sh" "$here/guest/checks_bufinfo.sh" "$here/guest/sysfs_hidden.sh" "$here/capture.sh" root/lab/
+cp "$here/guest/checks.sh" "$here/guest/checks_bufinfo.sh" "$here/guest/sysfs_hidden.sh" "$top/snapshot/capture.sh" root/lab/
 cp "$binary" root/lab/quarrystat
 aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c"
+cp "$here/guest/before_after.sh" root/lab/
+aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/leak_client "$here/guest/leak_client.c"
 chmod +x root/init root/lab/*
 (cd root && find . | cpio -o -H newc --quiet) >initrd.cpio
 
@@ -97,7 +99,7 @@ for args_file in args.*; do
   args=$(cat "$args_file")
   touch "live.$n"
   # shellcheck disable=SC2086
-  timeout 120 "$here/replay.sh" capture.tar.gz "$binary" $args >"replay.$n" 2>/dev/null
+  timeout 120 "$top/snapshot/replay.sh" capture.tar.gz "$binary" $args >"replay.$n" 2>/dev/null
   if [ "$args" = -n ]; then
     # The five counters are a moving kernel's, read at another moment by the capture: they
     # must match the captured /proc/meminfo instead, and everything else the live report.
@@ -132,5 +134,9 @@ for args_file in args.*; do
     failed=$((failed + 1))
   fi
 done
+# Two captures around a use case, compared (QUARRY_LAB_PAIR=DIR keeps them there).
+pair=$("$here/before_after.sh" console.txt "$binary" ${QUARRY_LAB_PAIR:+"$QUARRY_LAB_PAIR"})
+echo "$pair"
+passed=$((passed + $(grep -c '^ok ' <<<"$pair"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$pair")))
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -50,7 +50,7 @@ set +e
 set -euo pipefail
 tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7
 shift 7
-mount -t tmpfs -o mode=755 quarry-tree "$root"
+mount -t tmpfs -o mode=755,nodev,nosuid quarry-tree "$root"
 (cd "$tree" && find . -mindepth 1 | LC_ALL=C sort | tar -c --no-recursion -T - -f -) |
   tar -x -p -f - -C "$root"
 cp "$binary" "$root/quarrystat"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks to build and test quarrystat.
-#   setup.sh          compiler, CMake, GoogleTest, zlib
+#   setup.sh          compiler, CMake, GoogleTest, zlib; python3, mksh, busybox and file for the
+#                     snapshot scripts and their tests; mandoc to check the manual page
 #   setup.sh fuzz     also clang with its fuzzer runtime
 #   setup.sh cross    also the arm64 cross compiler, arm64 zlib and the user-mode emulator
 #   setup.sh valgrind also valgrind and the C library's symbols it needs
@@ -8,7 +9,7 @@
 # As root it installs with apt-get; otherwise it names the missing packages and fails.
 set -euo pipefail
 
-want=(cmake g++ make tar libgtest-dev zlib1g-dev)
+want=(cmake g++ make tar libgtest-dev zlib1g-dev python3 mksh busybox-static file mandoc)
 for extra in "$@"; do
   case "$extra" in
     fuzz) want+=(clang libclang-rt-14-dev) ;;

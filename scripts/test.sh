@@ -2,7 +2,8 @@
 # Sets up, builds and runs every test:
 #   1. the static release build: unit tests, end-to-end cases, live kernel checks (ctest);
 #   2. the same suite built with AddressSanitizer and UndefinedBehaviorSanitizer;
-#   3. the static arm64 build, end to end under user-mode emulation, same golden outputs;
+#   3. the static arm64 build, end to end under user-mode emulation, same golden outputs; the
+#      release archives, each binary checked on the sample snapshot (scripts/release.sh);
 #   4. the device lab: the arm64 binary in an emulated arm64 board with a real kernel, checked
 #      against the kernel's own files, and a capture replayed on this host (lab/run.sh);
 #   5. the end-to-end cases under valgrind memcheck (leaks, errors, descriptors left open);
@@ -19,6 +20,8 @@ done
 echo "=== arm64 build, end to end under emulation"
 scripts/build.sh aarch64 >/dev/null
 QEMU=/usr/bin/qemu-aarch64-static scripts/e2e.sh build/aarch64/tool/quarrystat
+echo "=== release archives (the arm64 one checked under emulation)"
+scripts/release.sh
 echo "=== device lab"
 lab/run.sh build/aarch64/tool/quarrystat
 echo "=== end to end under valgrind"

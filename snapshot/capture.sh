@@ -1,12 +1,16 @@
 #!/bin/sh
 # Packs exactly the files quarrystat reads into a gzip'd tarball, for replaying its reports
-# elsewhere (lab/replay.sh). Runs in a device's root shell (toybox or busybox):
+# elsewhere (snapshot/replay.sh). Runs in a device's root shell (mksh with toybox, or busybox):
 #   sh capture.sh /data/local/tmp/quarry-capture.tar.gz
 # procfs and sysfs files report a size of 0, so each is copied with cat into a staging folder
 # first; /proc/meminfo goes first, before the staging files themselves count as memory.
 set -u
 out=${1:?usage: capture.sh OUTPUT.tar.gz}
 stage=$(mktemp -d "${TMPDIR:-/data/local/tmp}/quarry-capture.XXXXXX" 2>/dev/null || mktemp -d)
+# Nothing but the archive stays on the device, however the script ends (a partial one neither).
+written=0
+trap 'rm -rf "$stage"; [ $written = 1 ] || rm -f "$out"' EXIT
+trap 'exit 1' HUP INT TERM
 copy() {  # copy PATH [AS]: the file's content, under its own path (or AS) in the stage
 	dest=$stage${2:-$1}
 	mkdir -p "${dest%/*}"
@@ -46,5 +50,5 @@ done
 [ -d /sys/kernel/dmabuf/buffers ] && mkdir -p "$stage/sys/kernel/dmabuf/buffers"
 tar -czf "$out" -C "$stage" .
 status=$?
-rm -rf "$stage"
+[ $status != 0 ] || written=1
 exit $status

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Builds the release archives from this tree:
+#   dist/quarrystat-VERSION-aarch64-linux.tar.gz   (devices)
+#   dist/quarrystat-VERSION-x86_64-linux.tar.gz    (x86-64 hosts, and replaying captures there)
+# each holding the static binary, the manual page, the capture script, a short README and
+# SHA256SUMS, all under quarrystat-VERSION-ARCH-linux/; dist/SHA256SUMS lists both archives. VERSION is the CMake project version,
+# which the binary also carries ("quarrystat version VERSION", for strings(1)).
+# Then it checks what it built: the checksums, the version in each binary, and each binary run
+# on the bundled sample snapshot (the arm64 one under user-mode emulation) against the golden
+# output of the sample's end-to-end cases. Archives are reproducible: names sorted, owner root,
+# times those of the last commit (or SOURCE_DATE_EPOCH).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+version=$(sed -n 's/^project(quarrystat VERSION \([0-9][0-9.]*\) .*/\1/p' CMakeLists.txt)
+[ -n "$version" ] || { echo "release.sh: no project version in CMakeLists.txt" >&2; exit 1; }
+epoch=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
+scripts/setup.sh cross
+scripts/build.sh default >/dev/null
+scripts/build.sh aarch64 >/dev/null
+mkdir -p dist
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
+
+status=0
+for arch in x86_64 aarch64; do
+  case $arch in
+    x86_64) binary=build/default/tool/quarrystat strip=strip qemu="" ;;
+    aarch64) binary=build/aarch64/tool/quarrystat strip=aarch64-linux-gnu-strip qemu=/usr/bin/qemu-aarch64-static ;;
+  esac
+  name=quarrystat-$version-$arch-linux
+  dir=$stage/$name
+  mkdir -p "$dir"
+  "$strip" -o "$dir/quarrystat" "$binary"
+  cp man/quarrystat.1 snapshot/capture.sh "$dir/"
+  sed "s/@VERSION@/$version/; s/@ARCH@/$arch/" release/README >"$dir/README"
+  chmod 755 "$dir/quarrystat" "$dir/capture.sh"
+  chmod 644 "$dir/quarrystat.1" "$dir/README"
+  (cd "$dir" && sha256sum quarrystat quarrystat.1 capture.sh README >SHA256SUMS)
+  tar --sort=name --owner=0 --group=0 --numeric-owner --mtime="@$epoch" -C "$stage" -cf - "$name" |
+    gzip -n -9 >"dist/$name.tar.gz"
+
+  # What a user unpacks, checked.
+  check=$stage/check-$arch
+  mkdir -p "$check"
+  tar -xzf "dist/$name.tar.gz" -C "$check"
+  (cd "$check/$name" && sha256sum --quiet -c SHA256SUMS) || { echo "release.sh: $name: checksums differ" >&2; status=1; }
+  strings "$check/$name/quarrystat" | grep -x "quarrystat version $version" >/dev/null ||
+    { echo "release.sh: $name: the binary does not carry \"quarrystat version $version\"" >&2; status=1; }
+  for case_dir in tests/e2e/cases/*-sample*/; do
+    QEMU=$qemu bash tests/e2e/run.sh "$check/$name/quarrystat" "$case_dir" >/dev/null 2>&1 ||
+      { echo "release.sh: $name: the binary fails $(basename "$case_dir") on the sample snapshot" >&2; status=1; }
+  done
+  echo "dist/$name.tar.gz  $(stat -c %s "dist/$name.tar.gz") bytes"
+done
+(cd dist && sha256sum "quarrystat-$version-x86_64-linux.tar.gz" "quarrystat-$version-aarch64-linux.tar.gz" >SHA256SUMS)
+exit $status

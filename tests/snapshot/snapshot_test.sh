@@ -1,0 +1,144 @@
+#!/usr/bin/env bash
+# Tests of the user's snapshot scripts (snapshot/): capture under mksh, replay of a hostile
+# capture, and compare on the lab's before/after pair.
+#   snapshot_test.sh BINARY CASE
+# Cases: compare-lab-pair, compare-same, compare-unreadable, hostile, time-bound, capture-mksh.
+set -uo pipefail
+top=$(cd "$(dirname "$0")/../.." && pwd)
+binary=$(realpath "$1")
+case_name=$2
+cd "$top" || exit 1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL $case_name: $*"; exit 1; }
+pair=tests/data/pair
+
+case $case_name in
+compare-lab-pair)
+  # Two lab captures around leak_client's use case (lab/before_after.sh), compared as a user
+  # would; the expected text is the comparison the lab itself checked when they were taken.
+  snapshot/compare.sh $pair/before.tar.gz $pair/after.tar.gz "$binary" >"$work/out" 2>"$work/err" ||
+    fail "exit status $?: $(cat "$work/err")"
+  diff -u $pair/compare.out "$work/out" || fail "output differs from $pair/compare.out"
+  ;;
+compare-same)
+  # A capture against itself: no buffer lines, every figure +0.
+  snapshot/compare.sh $pair/after.tar.gz $pair/after.tar.gz "$binary" >"$work/out" 2>&1 || fail "exit status $?"
+  grep -E '^dmabuf [0-9]+ ' "$work/out" && fail "buffer lines for an unchanged device"
+  [ "$(grep -cE '^(dmabuf|kmem|reserved) .*\(\+0 KB\)$' "$work/out")" = 17 ] || fail "not 17 unchanged figures: $(cat "$work/out")"
+  ;;
+compare-unreadable)
+  # Not a capture: a clear message and a non-zero status, no comparison.
+  echo "not gzip" >"$work/bad.tar.gz"
+  snapshot/compare.sh "$work/bad.tar.gz" $pair/after.tar.gz "$binary" >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 2 ] || fail "exit status $status, not 2"
+  grep -q "^replay: cannot unpack $work/bad.tar.gz" "$work/err" && grep -q "^compare: cannot replay" "$work/err" ||
+    fail "messages: $(cat "$work/err")"
+  [ -s "$work/out" ] && fail "printed a comparison"
+  ;;
+hostile)
+  # A capture that reaches for this host: device nodes at paths the tool reads (its /dev/zero and
+  # /dev/urandom), a FIFO, links out of the capture, a name that climbs out, a hard link out.
+  escape="quarry-escape-$$"
+  /usr/bin/python3 - "$pair/after.tar.gz" "$work/hostile.tar.gz" "$escape" <<'EOF'
+import io, sys, tarfile
+src, dst, escape = sys.argv[1:]
+bad = {"./proc/meminfo", "./d/memblock/reserved", "./proc/iomem", "./proc/1/comm",
+       "./proc/debug_ext/mem_statis/reserved_memory_stat"}
+with tarfile.open(src) as tin, tarfile.open(dst, "w:gz") as tout:
+    for m in tin:
+        if m.name not in bad:
+            tout.addfile(m, tin.extractfile(m) if m.isreg() else None)
+    def add(name, kind, **kw):
+        t = tarfile.TarInfo(name); t.type = kind
+        for k, v in kw.items(): setattr(t, k, v)
+        tout.addfile(t)
+    add("./proc/meminfo", tarfile.CHRTYPE, devmajor=1, devminor=9)
+    add("./d/memblock/reserved", tarfile.CHRTYPE, devmajor=1, devminor=5)
+    add("./dev/sda", tarfile.BLKTYPE, devmajor=8, devminor=0)
+    add("./proc/debug_ext/mem_statis/reserved_memory_stat", tarfile.FIFOTYPE)
+    add("./proc/iomem", tarfile.SYMTYPE, linkname="/etc/passwd")
+    add("./sys/kernel/dmabuf/up", tarfile.SYMTYPE, linkname="../../../../../../..")
+    add("./sys/kernel/dmabuf/up/etc/evil", tarfile.SYMTYPE, linkname="x")
+    add("./proc/1/comm", tarfile.LNKTYPE, linkname="/etc/passwd")
+    t = tarfile.TarInfo("../" + escape); t.size = 2
+    tout.addfile(t, io.BytesIO(b"x\n"))
+EOF
+  start=$(date +%s)
+  snapshot/replay.sh "$work/hostile.tar.gz" "$binary" -s >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 3 ] || fail "replay exit status $status, not 3 (refused)"
+  [ -s "$work/out" ] && fail "the tool ran on a refused capture"
+  for want in "./proc/meminfo: character device" "./d/memblock/reserved: character device" \
+    "./dev/sda: block device" "./proc/debug_ext/mem_statis/reserved_memory_stat: FIFO" \
+    "./proc/iomem: link to /etc/passwd, outside the capture" \
+    "./sys/kernel/dmabuf/up: link to ../../../../../../.., outside the capture" \
+    "./sys/kernel/dmabuf/up/etc/evil: its path runs through a link" \
+    "./proc/1/comm: hard link to /etc/passwd, not a file of the capture" \
+    "../$escape: its name leaves the capture"; do
+    grep -qxF "replay: dropped $want" "$work/err" || fail "no message for $want: $(cat "$work/err")"
+  done
+  grep -q "^replay: refusing .*--drop-unsafe replays it without them$" "$work/err" || fail "no refusal message"
+  # Dropped, the rest replays: each mode ends (the sources it lacks give their usual statuses).
+  for mode in -s -n -u -p80000000; do
+    snapshot/replay.sh --drop-unsafe "$work/hostile.tar.gz" "$binary" $mode >"$work/out" 2>"$work/err"
+    status=$?
+    case $mode in -s | -p80000000) want=239 ;; *) want=0 ;; esac
+    [ $status = $want ] || fail "--drop-unsafe $mode: exit status $status, not $want: $(tail -3 "$work/err")"
+    [ $mode != -u ] || grep -q "^Unmapped dmabuf total size is" "$work/out" || fail "-u without its total"
+  done
+  [ $(($(date +%s) - start)) -lt 60 ] || fail "took $(($(date +%s) - start)) s"
+  [ -e "/tmp/$escape" ] && { rm -f "/tmp/$escape"; fail "a member was written outside the capture"; }
+  [ -e /etc/evil ] && fail "a link was made outside the capture"
+  ;;
+time-bound)
+  # A run that does not end is stopped at the time limit and said so.
+  start=$(date +%s)
+  QUARRY_REPLAY_SECONDS=2 snapshot/replay.sh $pair/after.tar.gz /usr/lib/klibc/bin/mksh \
+    -c 'while :; do :; done' 2>"$work/err"
+  status=$?
+  [ $status = 124 ] || fail "exit status $status, not 124"
+  grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
+  [ $(($(date +%s) - start)) -lt 15 ] || fail "took $(($(date +%s) - start)) s"
+  ;;
+capture-mksh)
+  # capture.sh as a device runs it: mksh and busybox tools in a root laid out like the sample
+  # device. It must write the archive, leave nothing else, and carry what the tool reads.
+  root=$work/root
+  mkdir -p "$root/bin" "$root/dev" "$root/data/local/tmp" "$root/out"
+  cp -a sample/device/. "$root/"
+  cp /usr/lib/klibc/bin/mksh "$root/bin/mksh"
+  cp /bin/busybox "$root/bin/busybox"
+  for tool in cat mkdir mktemp rm tar gzip; do ln -s busybox "$root/bin/$tool"; done
+  mknod "$root/dev/null" c 1 3
+  cp snapshot/capture.sh "$root/capture.sh"
+  (cd "$root" && find . | LC_ALL=C sort) >"$work/before"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/capture.tar.gz || fail "capture.sh under mksh: exit status $?"
+  (cd "$root" && find . | LC_ALL=C sort) >"$work/after"
+  diff "$work/before" "$work/after" | grep '^[<>]' >"$work/changed"
+  [ "$(cat "$work/changed")" = "> ./out/capture.tar.gz" ] || fail "left behind: $(cat "$work/changed")"
+  # Every report on the capture is the report on the tree it was taken from.
+  for mode in -s -n -u -k -p8b900000; do
+    snapshot/replay.sh "$root/out/capture.tar.gz" "$binary" $mode >"$work/replayed" 2>/dev/null
+    scripts/run-in-tree.sh sample/device "$binary" $mode >"$work/direct" 2>/dev/null
+    diff "$work/direct" "$work/replayed" || fail "$mode differs on the capture"
+  done
+  # A capture that cannot be written leaves nothing either.
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /no/such/dir/capture.tar.gz 2>/dev/null &&
+    fail "capture.sh succeeded writing into a missing folder"
+  (cd "$root" && find . | LC_ALL=C sort) | diff "$work/after" - || fail "a failed capture left files behind"
+  # Nor does one stopped while it writes: here a tar that has begun its archive when TERM comes.
+  rm "$root/bin/tar"
+  printf '#!/bin/mksh\necho partial >"$2"\nsleep 30\n' >"$root/bin/tar"
+  chmod 755 "$root/bin/tar"
+  ln -s busybox "$root/bin/sleep"
+  (cd "$root" && find . | LC_ALL=C sort) >"$work/before"
+  timeout -s TERM 2 chroot "$root" /bin/mksh /capture.sh /out/stopped.tar.gz 2>/dev/null
+  (cd "$root" && find . | LC_ALL=C sort) | diff "$work/before" - || fail "a stopped capture left files behind"
+  ;;
+*)
+  fail "no such case"
+  ;;
+esac
+echo "ok $case_name"
