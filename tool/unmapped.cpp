@@ -38,8 +38,11 @@ using android::dmabufinfo::DmaBufferList;
 
 /* Reads of the DMA-BUF sysfs statistics before giving up. A buffer freed between the listing
  * and the read of its files fails one read and is gone from the next listing; a tree that
- * fails this many reads in a row is damaged, not moving (each read takes milliseconds). */
+ * fails this many reads in a row is damaged, not moving. Between reads the tool waits, 1 ms
+ * and then twice as long each time, so that a free caught halfway (its thread preempted on a
+ * busy device) can finish: a damaged tree costs half a second in all. */
 #define SYSFS_READ_ATTEMPTS 10
+#define SYSFS_RETRY_FIRST_PAUSE_US 1000
 
 /* A walk that skips the processes it cannot read instead of failing records them here. */
 struct walk_skips {
@@ -180,6 +183,8 @@ static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmab
 
 int read_with_retries(sysfs_read read, void *out, const char *path)
 {
+    useconds_t pause = SYSFS_RETRY_FIRST_PAUSE_US;
+
     for (int attempt = 1; attempt <= SYSFS_READ_ATTEMPTS; attempt++) {
         if (read(out, path)) {
             if (attempt > 1)
@@ -191,6 +196,10 @@ int read_with_retries(sysfs_read read, void *out, const char *path)
         struct stat st;
         if (stat(path, &st) != 0)
             break;
+        if (attempt < SYSFS_READ_ATTEMPTS) {
+            usleep(pause);
+            pause *= 2;
+        }
     }
     return -1;
 }
