@@ -45,6 +45,9 @@ cp "$binary" root/lab/quarrystat
 aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c"
 cp "$here/guest/before_after.sh" root/lab/
 aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/leak_client "$here/guest/leak_client.c"
+# The motion scenario: a churn client and its checks, run after the still ones.
+cp "$here/guest/motion.sh" root/lab/
+aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/churn_client "$here/guest/churn_client.c"
 chmod +x root/init root/lab/*
 (cd root && find . | cpio -o -H newc --quiet) >initrd.cpio
 
@@ -88,6 +91,7 @@ set +e +o pipefail
 passed=$(grep -c '^ok ' console.txt)
 failed=$(grep -c '^FAIL ' console.txt)
 grep -E '^(ok|FAIL) ' console.txt
+grep '^motion: ' console.txt
 
 # Replay the capture on this host and compare each report with the live one.
 sed -n '/^QUARRY-CAPTURE-BEGIN$/,/^QUARRY-CAPTURE-END$/p' console.txt | sed '1d;$d' | base64 -d >capture.tar.gz
