@@ -1,8 +1,8 @@
 /*
  * Lab motion client: keeps the device moving while quarrystat reads it, as a busy phone does.
  *
- * Every TICK_MS it allocates a short-lived buffer from the system heap (alternately mapped)
- * and frees the oldest of the few it keeps; every PROCESS_EVERY ticks it starts a process that
+ * Every TICK_MS it allocates BURST short-lived buffers from the system heap (every other one
+ * mapped) and frees as many of the oldest it keeps; every PROCESS_EVERY ticks it starts a process that
  * allocates, maps and holds a buffer of its own, then exits after CHILD_MS. So buffers appear
  * and vanish under /sys/kernel/dmabuf/buffers and processes holding them start and exit under
  * /proc throughout a run of the tool.
@@ -25,10 +25,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#define TICK_MS 40		/* 25 buffers allocated and freed a second */
+#define TICK_MS 40		/* 25 ticks a second */
+#define BURST 4			/* a camera frame's worth: 100 buffers allocated and freed a second */
 #define PROCESS_EVERY 4		/* about 6 processes started a second */
 #define CHILD_MS 300		/* how long a started process holds its buffer */
-#define KEPT 4			/* short-lived buffers alive at once */
+#define KEPT 16			/* short-lived buffers alive at once */
 #define MAX_SECONDS 240		/* the guest is long gone by then; never runs forever */
 #define BUF_SIZE (64 * 1024)
 
@@ -97,19 +98,22 @@ int main(int argc, char **argv)
 		maps[i] = MAP_FAILED;
 	}
 	while (!stop && now_ms() - start < MAX_SECONDS * 1e3) {
-		/* Free the oldest short-lived buffer, then make a new one in its place. */
-		if (maps[next] != MAP_FAILED)
-			munmap(maps[next], BUF_SIZE);
-		if (kept[next] >= 0)
-			close(kept[next]);
-		maps[next] = MAP_FAILED;
-		kept[next] = heap_alloc(BUF_SIZE);
-		if (kept[next] >= 0) {
-			buffers++;
-			if (tick % 2)
-				maps[next] = mmap(NULL, BUF_SIZE, PROT_READ, MAP_SHARED, kept[next], 0);
+		/* Free the oldest short-lived buffers, then make new ones in their place. */
+		for (int b = 0; b < BURST; b++) {
+			if (maps[next] != MAP_FAILED)
+				munmap(maps[next], BUF_SIZE);
+			if (kept[next] >= 0)
+				close(kept[next]);
+			maps[next] = MAP_FAILED;
+			kept[next] = heap_alloc(BUF_SIZE);
+			if (kept[next] >= 0) {
+				buffers++;
+				if (b % 2)
+					maps[next] = mmap(NULL, BUF_SIZE, PROT_READ, MAP_SHARED,
+							  kept[next], 0);
+			}
+			next = (next + 1) % KEPT;
 		}
-		next = (next + 1) % KEPT;
 		if (tick % PROCESS_EVERY == 0) {
 			pid_t pid = fork();
 
