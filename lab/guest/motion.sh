@@ -17,7 +17,7 @@ i=0
 while [ ! -f /tmp/steady ] && [ $i -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
 # Each unmapped steady buffer's expected row text: "<inode> <size> <owner text>".
 : >/tmp/steady.rows
-while read -r name inode size owners mapped; do
+while read -r _ inode size owners mapped; do
 	want=""
 	if [ "$owners" = kernel ]; then
 		want="kernel"

@@ -41,7 +41,8 @@ if [ -f "$case_dir/as-limit" ]; then
     echo "ok $name (passed over: this build cannot start under an address-space limit)"
     exit 0
   fi
-  export QUARRY_AS_LIMIT_KB=$(cat "$case_dir/as-limit")
+  QUARRY_AS_LIMIT_KB=$(cat "$case_dir/as-limit")
+  export QUARRY_AS_LIMIT_KB
 fi
 
 out=$(mktemp) err=$(mktemp)
