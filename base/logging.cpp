@@ -1,7 +1,10 @@
 #include "base/logging.h"
 
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace android::base {
 
@@ -34,22 +37,34 @@ static char SeverityLetter(LogSeverity severity) {
     return letters[severity];
 }
 
+// Forms and writes the message. Out of memory, the text cannot be formed, and a destructor
+// must not throw: the place of the message is still written, from a fixed buffer.
 LogMessage::~LogMessage() {
-    std::string message = stream_.str();
-    if (error_ >= 0) {
-        message += ": ";
-        message += strerror(error_);
-    }
     const char* base = strrchr(file_, '/');
     base = base ? base + 1 : file_;
-    if (Sink()) {
-        Sink()(severity_, base, line_, message);
-    } else {
-        std::string text = std::string("quarrystat: ") + SeverityLetter(severity_) + " " + base +
-                           ":" + std::to_string(line_) + "] " + message + "\n";
-        // One write per message, so lines from a dying process are not interleaved.
-        ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
-        (void)ignored;
+    try {
+        std::string message = stream_.str();
+        if (error_ >= 0) {
+            message += ": ";
+            message += strerror(error_);
+        }
+        if (Sink()) {
+            Sink()(severity_, base, line_, message);
+        } else {
+            std::string text = std::string("quarrystat: ") + SeverityLetter(severity_) + " " +
+                               base + ":" + std::to_string(line_) + "] " + message + "\n";
+            // One write per message, so lines from a dying process are not interleaved.
+            ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
+            (void)ignored;
+        }
+    } catch (...) {
+        char text[256];
+        int n = snprintf(text, sizeof(text), "quarrystat: %c %s:%u] (message lost: %s)\n",
+                         SeverityLetter(severity_), base, line_, strerror(ENOMEM));
+        if (n > 0) {
+            ssize_t ignored = write(STDERR_FILENO, text, std::min<size_t>(n, sizeof(text) - 1));
+            (void)ignored;
+        }
     }
     errno = saved_errno_;
 }

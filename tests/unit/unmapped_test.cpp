@@ -3,6 +3,7 @@
 #include "unmapped.h"
 
 #include <dmabufinfo/dmabuf_sysfs_stats.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -14,6 +15,8 @@
 #include <sstream>
 #include <string>
 
+#include "failing_new.h"
+#include "kmem.h"
 #include "temp_tree.h"
 #include "term.h"
 
@@ -178,6 +181,48 @@ TEST(CollectHeldDmabufs, NoProcMeansNoHoldersKnown) {
         "quarrystat: /proc could not be opened in 4 passes: no holders could be read, so an "
         "owner shown as \"kernel\" is not known\n",
         text.str());
+}
+
+
+// Out of memory at any point of -u or -n: the report returns -ENOMEM (the exit status 244) and
+// names on standard error what it could not allocate, rather than aborting. Every count of
+// allocations that succeed first is tried, so each step of the reports meets the failure.
+TEST(OutOfMemory, ReportsReturnNoMemoryAndSaySo) {
+    const std::string tree = std::string(QUARRY_SOURCE_DIR) + "/tests/fixtures/dmabuf-lab";
+    for (int report = 0; report < 2; report++) {
+        int failed_runs = 0;
+        for (long allow = 0; allow < 400; allow++) {
+            TempTree t;
+            std::string err_path = t.Path("stderr");
+            pid_t child = fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+                int out = open("/dev/null", O_WRONLY);
+                if (err < 0 || out < 0 || dup2(err, STDERR_FILENO) < 0 ||
+                    dup2(out, STDOUT_FILENO) < 0 || chroot(tree.c_str()) != 0 || chdir("/") != 0)
+                    _exit(2);
+                FailAllocationsAfter(allow);
+                int ret = report == 0 ? show_unmapped_dmabuf() : parse_kernel_memory();
+                FailAllocationsAfter(-1);
+                _exit(ret == -ENOMEM ? 10 : ret == 0 ? 0 : 3);
+            }
+            int status = 0;
+            ASSERT_EQ(child, waitpid(child, &status, 0));
+            std::ifstream in(err_path);
+            std::stringstream text;
+            text << in.rdbuf();
+            ASSERT_TRUE(WIFEXITED(status)) << "report " << report << ", allow " << allow << ": "
+                                           << text.str();
+            if (WEXITSTATUS(status) == 0) break;  // enough memory for the whole report
+            ASSERT_EQ(10, WEXITSTATUS(status)) << "allow " << allow;
+            EXPECT_NE(std::string::npos,
+                      text.str().find("quarrystat: out of memory: cannot allocate memory for "))
+                << text.str();
+            failed_runs++;
+        }
+        EXPECT_GT(failed_runs, 10) << "report " << report;
+    }
 }
 
 }  // namespace
