@@ -17,7 +17,8 @@ status=0
 for t in "${targets[@]}"; do
   scratch=$(mktemp -d)
   log=build/fuzz/$t.log
-  if build/fuzz/tests/fuzz/fuzz_$t "$scratch" "tests/fuzz/corpus/$t" -max_total_time="$seconds" \
+  if UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ASAN_OPTIONS=halt_on_error=1 \
+      build/fuzz/tests/fuzz/fuzz_$t "$scratch" "tests/fuzz/corpus/$t" -max_total_time="$seconds" \
       -max_len=4096 -artifact_prefix="build/fuzz/crashes/$t-" -print_final_stats=1 >"$log" 2>&1; then
     execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     echo "fuzz_$t: ok, $execs executions in ${seconds}s"

@@ -98,6 +98,12 @@ fi
 if [ -n "$prepare" ]; then
   (cd "$root" && bash "$prepare")
 fi
+# A coverage build writes its counters (.gcda) to absolute paths under its build directory;
+# QUARRY_GCOV_DIR names that directory, bound at the same path so the counters reach the host.
+if [ -n "${QUARRY_GCOV_DIR:-}" ]; then
+  mkdir -p "$root$QUARRY_GCOV_DIR"
+  mount --bind "$QUARRY_GCOV_DIR" "$root$QUARRY_GCOV_DIR"
+fi
 if [ -n "$valgrind" ]; then
   mount --bind "$valgrind" "$root/vg"
   export TMPDIR=/vg

@@ -6,6 +6,7 @@
 #   setup.sh cross    also the arm64 cross compiler, arm64 zlib and the user-mode emulator
 #   setup.sh valgrind also valgrind and the C library's symbols it needs
 #   setup.sh lab      also what the device lab needs to build and boot its kernel
+#   setup.sh coverage also gcovr, for scripts/coverage.sh
 # As root it installs with apt-get; otherwise it names the missing packages and fails.
 set -euo pipefail
 
@@ -18,6 +19,7 @@ for extra in "$@"; do
     lab) want+=(linux-source-6.1 linux-source-6.12 bc bison flex libssl-dev libelf-dev
                 device-tree-compiler qemu-system-arm cpio gcc-aarch64-linux-gnu
                 binutils-aarch64-linux-gnu file) ;;
+    coverage) want+=(gcovr) ;;
     *) echo "setup.sh: unknown extra: $extra" >&2; exit 2 ;;
   esac
 done
