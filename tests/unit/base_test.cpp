@@ -28,8 +28,11 @@ TEST(Strings, TrimAndStartsWith) {
 
 TEST(StringPrintf, ShortAndLong) {
     EXPECT_EQ("/proc/42/fdinfo/7", StringPrintf("%s/%d/fdinfo/%d", "/proc", 42, 7));
-    std::string long_name(1000, 'x');
-    EXPECT_EQ("[" + long_name + "]", StringPrintf("[%s]", long_name.c_str()));
+    // Around the 256-byte buffer tried first: results of 255, 256 and 257 characters.
+    for (size_t n : {253u, 254u, 255u, 1000u}) {
+        std::string long_name(n, 'x');
+        EXPECT_EQ("[" + long_name + "]", StringPrintf("[%s]", long_name.c_str())) << n;
+    }
 }
 
 TEST(ReadFileToString, ReadsWholeFileButNotThroughFinalLink) {

@@ -319,15 +319,34 @@ TEST(ReadDmaBufMapRefs, FailuresKeepEarlierReferences) {
     EXPECT_EQ("Failed to open " + t.Path("proc") + "/6/maps for pid: 6", log.messages()[1]);
 }
 
-TEST(ReadDmaBufMapRefs, LongLinesAreReadWhole) {
+// Lines of any length and files of many reads (64 KiB for maps, 4 KiB for fdinfo): lines that
+// straddle a read, one longer than a whole read, and a last line without its newline.
+TEST(ReadDmaBufMapRefs, LongLinesAndFilesBeyondOneRead) {
     TempTree t;
     std::string path = "/data/app/" + std::string(4000, 'p') + "/base.apk";
-    t.Write("proc/5/maps", "7f00000000-7f00001000 r--p 00000000 fd:05 1234   " + path + "\n" +
-                               MapLine(0x1000, 0x3000, 4, "/dmabuf:" + std::string(300, 'n')));
+    std::string maps = "7f00000000-7f00001000 r--p 00000000 fd:05 1234   " + path + "\n" +
+                       MapLine(0x1000, 0x3000, 4, "/dmabuf:" + std::string(300, 'n'));
+    for (int i = 0; maps.size() < 3 * 65536; i++)
+        maps += MapLine(0x10000 + i * 0x1000, 0x11000 + i * 0x1000, 4 + i % 3, "/dmabuf:");
+    maps += "7f00000000-7f00001000 r--p 00000000 fd:05 1234   /" + std::string(70000, 'l') + "\n";
+    std::string last = MapLine(0x1000, 0x2000, 9, "/dmabuf:");
+    maps += last.substr(0, last.size() - 1);
+    t.Write("proc/5/maps", maps);
     std::vector<DmaBuffer> bufs;
     ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
-    ASSERT_EQ(1u, bufs.size());
+    size_t mappings = 0;
+    for (const DmaBuffer& b : bufs) mappings += b.total_refs();
+    EXPECT_EQ(static_cast<size_t>(std::count(maps.begin(), maps.end(), '\n')), mappings);
+    ASSERT_EQ(4u, bufs.size());
     EXPECT_EQ(0x2000u, bufs[0].size());
+    EXPECT_EQ(9u, bufs[3].inode());
+
+    std::string fdinfo;
+    while (fdinfo.size() < 3 * 4096) fdinfo += "pos:\t0\nflags:\t02000002\nmnt_id:\t8\n";
+    t.Write("proc/5/fdinfo/3", fdinfo + FdInfo(4, 8192, 2, "system", "late"));
+    ASSERT_TRUE(ReadDmaBufFdRefs(5, &bufs, t.Path("proc")));
+    EXPECT_EQ("late", bufs[0].name());
+    EXPECT_EQ(1, bufs[0].fdrefs().at(5));
 }
 
 // Lines longer than one read, newlines right at and right after a read's end, and a last line
