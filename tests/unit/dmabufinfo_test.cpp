@@ -336,7 +336,8 @@ TEST(ReadDmaBufMapRefs, LongLinesAndFilesBeyondOneRead) {
     ASSERT_TRUE(ReadDmaBufMapRefs(5, &bufs, t.Path("proc"), t.Path("sys")));
     size_t mappings = 0;
     for (const DmaBuffer& b : bufs) mappings += b.total_refs();
-    EXPECT_EQ(static_cast<size_t>(std::count(maps.begin(), maps.end(), '\n')), mappings);
+    // Every line is a mapping but the two long path lines; the last has no newline.
+    EXPECT_EQ(static_cast<size_t>(std::count(maps.begin(), maps.end(), '\n')) - 1, mappings);
     ASSERT_EQ(4u, bufs.size());
     EXPECT_EQ(0x2000u, bufs[0].size());
     EXPECT_EQ(9u, bufs[3].inode());
