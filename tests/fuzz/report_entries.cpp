@@ -31,6 +31,15 @@
 #include "tree_paths.h"  // after paths.h: the paths as the tree-built tool uses them
 #include "unmapped.h"
 
+// A broken promise stops the run and says which one.
+#define FUZZ_CHECK(cond)                                                      \
+    do {                                                                      \
+        if (!(cond)) {                                                        \
+            fprintf(stderr, "report_entries.cpp:%d: %s fails\n", __LINE__, #cond); \
+            __builtin_trap();                                                 \
+        }                                                                     \
+    } while (0)
+
 namespace {
 
 constexpr size_t kMaxTreeBytes = 1 << 20;  // bounds what repetition can write per input
@@ -183,11 +192,22 @@ class QuietStdout {
     int saved_;
 };
 
+// Descriptors open now; a report must leave as many as it found.
+size_t OpenFds() {
+    size_t n = 0;
+    std::error_code ec;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/fd", ec);
+         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+        n++;
+    return n;
+}
+
 }  // namespace
 
 void FuzzReportReserved(const uint8_t* data, size_t size) {
     BuildTree(data, size);
     QuietStdout quiet;
+    size_t fds = OpenFds();
     // As the -s and -p modes load their sources, then the report and a lookup at every edge
     // of every region and range read.
     if (parse_reserved_memory_stat() == 0 && parse_memblock(MEMBLOCK_RESERVED) == 0 &&
@@ -209,22 +229,36 @@ void FuzzReportReserved(const uint8_t* data, size_t size) {
         for (uint64_t addr : addrs) check_physical_addr(static_cast<unsigned long>(addr));
     }
     release_region_lists();
+    FUZZ_CHECK(OpenFds() == fds);
 }
 
 void FuzzReportKmem(const uint8_t* data, size_t size) {
     BuildTree(data, size);
     QuietStdout quiet;
+    size_t fds = OpenFds();
     char name[] = "modem";
     parse_kernel_memory();
     show_kmodule_mem(nullptr);
     show_kmodule_mem(name);
+    FUZZ_CHECK(OpenFds() == fds);
 }
 
 void FuzzReportDmabuf(const uint8_t* data, size_t size) {
     namespace dmabufinfo = android::dmabufinfo;
     BuildTree(data, size);
     QuietStdout quiet;
+    size_t fds = OpenFds();
     show_unmapped_dmabuf();
+    FUZZ_CHECK(OpenFds() == fds);
+
+    // The plain walks: a held walk that succeeds has met every buffer the mapped walk met.
+    std::vector<dmabufinfo::DmaBuffer> mapped, held;
+    if (get_dmabufs_mapped(&mapped) == 0 && get_dmabufs_process(&held) == 0) {
+        std::set<uint64_t> held_inodes;
+        for (const auto &buf : held) held_inodes.insert(buf.inode());
+        for (const auto &buf : mapped)
+            FUZZ_CHECK(held_inodes.count(buf.inode()));
+    }
 
     // The library's own promises, for every process of the tree on one shared list: one
     // record per inode, and references that add up per process and in total.
@@ -243,15 +277,14 @@ void FuzzReportDmabuf(const uint8_t* data, size_t size) {
         std::set<int> pids;
         for (const auto &[pid, n] : buf.fdrefs()) refs += n, pids.insert(pid);
         for (const auto &[pid, n] : buf.maprefs()) refs += n, pids.insert(pid);
-        if (!inodes.insert(buf.inode()).second || refs != buf.total_refs() || pids != buf.pids())
-            __builtin_trap();
+        FUZZ_CHECK(inodes.insert(buf.inode()).second);
+        FUZZ_CHECK(refs == buf.total_refs() && pids == buf.pids());
     }
     dmabufinfo::DmabufSysfsStats stats;
     uint64_t total_kb = 0;
     if (dmabufinfo::GetDmabufSysfsStats(&stats, DMABUF_SYSFS_BUFFERS) &&
-        dmabufinfo::GetDmabufTotalExportedKb(&total_kb, DMABUF_SYSFS_BUFFERS) &&
-        total_kb != stats.total_size() / 1024)
-        __builtin_trap();
+        dmabufinfo::GetDmabufTotalExportedKb(&total_kb, DMABUF_SYSFS_BUFFERS))
+        FUZZ_CHECK(total_kb == stats.total_size() / 1024);
 }
 
 const std::map<std::string, FuzzEntry> &ReportFuzzEntries() {

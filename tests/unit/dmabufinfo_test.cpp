@@ -102,11 +102,14 @@ TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
     TempTree t;
     t.Write("proc/9/fdinfo/3",
             "size:\t8192\ncount:\tlots\nexp_name:\t  \ninode:\t1\nino:\t1\nname:\tcam\n");
+    t.Write("proc/9/fdinfo/4", "exp_name:\tsystem\nino:\t5\n");  // what is not said is 0
     std::vector<DmaBuffer> bufs;
     bufs.emplace_back(1, 4096, 0, "<unknown>", "<unknown>");
     bufs.emplace_back(2, 4096, 0, "system", "kept");
     ASSERT_TRUE(ReadDmaBufFdRefs(9, &bufs, t.Path("proc")));
-    ASSERT_EQ(2u, bufs.size());
+    ASSERT_EQ(3u, bufs.size());
+    EXPECT_EQ("5 size=0 count=0 exp=system name=<unknown> fd={9:1} map={} refs=1 pids=9;",
+              Describe(bufs[2]));
     EXPECT_EQ("cam", bufs[0].name());
     EXPECT_EQ("", bufs[0].exporter());  // an empty exp_name still marks a DMA-BUF
     EXPECT_EQ(0u, bufs[0].count());     // "lots" is no number

@@ -53,6 +53,8 @@ TEST(ParseMapLine, Malformed) {
         "",
         "a000 c000 rw-s 00000000 00:0b 77 /dmabuf",   // no '-'
         "a000-c000\trw-s 00000000 00:0b 77 /dmabuf",  // tab between columns
+        "a000-c000 rx-s 00000000 00:0b 77 /dmabuf",   // write bit not w or -
+        "a000-c000 r-ws 00000000 00:0b 77 /dmabuf",   // execute bit not x or -
         "a000-c000 rw-x 00000000 00:0b 77 /dmabuf",   // fourth permission not s or p
         "a000-c000 rwxsp 00000000 00:0b 77 /dmabuf",  // five permission characters
         "a000-c000 xw-s 00000000 00:0b 77 /dmabuf",   // letters in the wrong place
