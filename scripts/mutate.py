@@ -279,7 +279,8 @@ def main():
             # The restored file keeps its old time, older than the mutant's objects: make it
             # newer, so the next build compiles it again.
             os.utime(path, None)
-        results.append((path, line_no, op, desc, source_line, status))
+        mutated_line = mutated.splitlines()[line_no - 1].strip() if new != ";" else ""
+        results.append((path, line_no, op, desc, source_line, status, mutated_line))
         print("[%d/%d %4.0fs] %-8s %s:%d %s: %s" % (i, len(chosen), time.time() - start,
                                                     status, path, line_no, op, desc), flush=True)
     # Leave the build matching the sources.
@@ -314,16 +315,23 @@ def main():
     lines.append("")
     lines.append("Survivors:")
     unexplained = 0
-    for path, line_no, op, desc, source_line, status in sorted(results):
+    for path, line_no, op, desc, source_line, status, mutated_line in sorted(results):
         if status != "survived":
             continue
-        reason = next((e[3] for e in equivalents if e[0] == path and e[1] in source_line
-                       and e[2] == desc), None)
+        # An entry names the original line, the change, and (after "=>") the mutated line
+        # when the same change can be made in more than one place on a line.
+        reason = None
+        for e_file, e_frag, e_desc, e_reason in equivalents:
+            frag, _, want = e_frag.partition("=>")
+            if (e_file == path and frag.strip() in source_line and e_desc == desc and
+                    (not want.strip() or want.strip() in mutated_line)):
+                reason = e_reason
+                break
         if reason is None:
             unexplained += 1
             reason = "UNEXPLAINED"
-        lines.append("  %s:%d  %s: %s\n      %s\n      equivalent: %s" % (
-            path, line_no, op, desc, source_line, reason))
+        lines.append("  %s:%d  %s: %s\n      was: %s\n      now: %s\n      equivalent: %s" % (
+            path, line_no, op, desc, source_line, mutated_line or "(removed)", reason))
     if not any(r[5] == "survived" for r in results):
         lines.append("  none")
     report = "\n".join(lines) + "\n"

@@ -168,6 +168,7 @@ TEST(ParseIomemLine, KernelRanges) {
         {"  80080000-8007ffff : Kernel code\n", 0x80080000, 0x8007ffff},  // empty: end = start - 1
         {"  8126ffff-80080000 : Kernel code\n", 0x8126ffff, 0x80080000},  // end before start
         {"  80080000-80080000 : Kernel code\n", 0x80080000, 0x80080000},  // one byte
+        {"  0-fffffffffffffff : Kernel code\n", 0, 0xfffffffffffffff},     // widest end that fits
     };
     for (const Case& c : cases) {
         uint64_t start, end;
