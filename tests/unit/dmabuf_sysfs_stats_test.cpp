@@ -78,8 +78,10 @@ TEST(GetDmabufSysfsStats, RowsAndTotals) {
 TEST(GetDmabufSysfsStats, EmptyAndMissingDirectory) {
     TempTree t;
     t.Mkdir("buffers");
+    AddBuffer(t, "../old/3", "4096\n", "system\n");
     DmabufSysfsStats stats;
-    ASSERT_TRUE(GetDmabufSysfsStats(&stats, t.Path("buffers")));
+    ASSERT_TRUE(GetDmabufSysfsStats(&stats, t.Path("old")));
+    ASSERT_TRUE(GetDmabufSysfsStats(&stats, t.Path("buffers")));  // what the object held goes
     EXPECT_TRUE(stats.buffer_stats().empty());
     EXPECT_EQ(0u, stats.total_size());
     uint64_t kb = 5;

@@ -65,6 +65,7 @@ TEST(ParseMapLine, Malformed) {
         "a000-c000 rw-s 00000000 00:0b 77/dmabuf",    // name glued to the inode
         "a000-c000 rw-s zz 00:0b 77 /dmabuf",         // offset not hexadecimal
         "-c000 rw-s 00000000 00:0b 77 /dmabuf",       // no start
+        "a000\xff-c000 rw-s 00000000 00:0b 77 /dmabuf",  // a byte no digit table knows
     };
     for (const char* line : lines) {
         MapInfo m;
