@@ -24,8 +24,8 @@ function(quarry_tree_tool name)
   endforeach()
   file(CONFIGURE OUTPUT ${dir}/tree_paths.h CONTENT "${text}")
 
-  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tool/*.cpp)
-  list(REMOVE_ITEM sources ${PROJECT_SOURCE_DIR}/tool/main.cpp)
+  # The same sources as the tool's own library (all but main() and the version string).
+  get_target_property(sources quarry_tool SOURCES)
   set(wrappers "")
   foreach(src IN LISTS sources)
     get_filename_component(base ${src} NAME)
