@@ -12,9 +12,11 @@
 #include <dmabufinfo/dmabuf_sysfs_stats.h>
 #include <dmabufinfo/dmabufinfo.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,19 +136,33 @@ void AddEntry(const std::string& root, std::string_view header, std::string_view
     WriteFile(full, text, repeat);
 }
 
+// A private tmpfs at the scratch root, in a mount namespace of this process's own, so two runs
+// of one target (a campaign beside a CI run, or -fork workers) never write into each other's
+// tree. Without the right to mount, the shared directory is used as it is.
+void MountPrivateRoot() {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr))
+        return;
+    std::error_code ec;
+    std::filesystem::create_directories(QUARRY_TREE_ROOT, ec);
+    mount("quarry-tree", QUARRY_TREE_ROOT, "tmpfs", MS_NOSUID | MS_NODEV, "mode=755");
+}
+
 void RemoveTree() {
     std::error_code ec;
-    std::filesystem::remove_all(QUARRY_TREE_ROOT, ec);
+    std::filesystem::remove_all(QUARRY_TREE_ROOT, ec);  // in a private mount: only what is in it
 }
 
 // Writes the tree of one input under QUARRY_TREE_ROOT, replacing the previous one; the last
 // goes at exit.
 void BuildTree(const uint8_t* data, size_t size) {
     static const std::string root = QUARRY_TREE_ROOT;
-    static const bool cleanup = atexit(RemoveTree) == 0;
+    static const bool cleanup = (MountPrivateRoot(), atexit(RemoveTree) == 0);
     (void)cleanup;
     std::error_code ec;
-    std::filesystem::remove_all(root, ec);
+    // The root itself may be a mount point: empty it rather than remove it.
+    for (auto it = std::filesystem::directory_iterator(root, ec);
+         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+        std::filesystem::remove_all(it->path(), ec);
     std::filesystem::create_directories(root + "/proc", ec);
 
     std::string_view in(reinterpret_cast<const char*>(data), size);
