@@ -189,6 +189,103 @@ def load_equivalents():
     return entries
 
 
+def explain(equivalents, path, desc, source_line, mutated_line):
+    """The reason an equivalents entry gives for this survivor, or None."""
+    for e_file, e_frag, e_desc, e_reason in equivalents:
+        frag, _, want = e_frag.partition("=>")
+        if (e_file == path and frag.strip() in source_line and e_desc == desc and
+                (not want.strip() or want.strip() in mutated_line)):
+            return e_reason
+    return None
+
+
+def retest(args):
+    """Re-applies each survivor of a report (one line each: "was" becomes "now") to the same
+    sources, reruns the suite, and rewrites the report: a survivor the suite now kills moves to
+    the killed column and is listed as killed by a test added since. A survivor whose line has
+    changed since is left as it was."""
+    os.chdir(TOP)
+    restore_all()
+    with open(args.retest) as f:
+        text = f.read()
+    head, _, tail = text.partition("\nSurvivors:\n")
+    entries = re.findall(r"^  (\S+):(\d+)  (\w+): (.*)\n      was: (.*)\n      now: (.*)\n"
+                         r"      equivalent: .*\n", tail, re.M)
+    build = os.path.join(TOP, args.build_dir)
+    build_cmd = ["cmake", "--build", build, "-j", "2"]
+    test_cmd = ["ctest", "--test-dir", build, "-j", "2", "-E", r"^live\.", "--stop-on-failure",
+                "--timeout", "60"]
+    rc, out = run(build_cmd, 1800)
+    if rc != 0:
+        sys.exit("mutate.py: the unchanged tree does not build:\n" + out[-3000:])
+    killed_since = []
+    equivalents = load_equivalents()
+    for path, line_no, op, desc, was, now in entries:
+        if explain(equivalents, path, desc, was, "" if now == "(removed)" else now):
+            continue  # explained as equivalent: the suite cannot see it
+        with open(path) as f:
+            lines = f.read().split("\n")
+        i = int(line_no) - 1
+        if i >= len(lines) or lines[i].strip() != was:
+            continue
+        indent = lines[i][:len(lines[i]) - len(lines[i].lstrip())]
+        mutated = list(lines)
+        mutated[i] = indent + (";" if now == "(removed)" else now)
+        os.replace(path, path + BACKUP_SUFFIX)
+        try:
+            with open(path, "w") as f:
+                f.write("\n".join(mutated))
+            rc, _ = run(build_cmd, 600)
+            status = "did not build" if rc != 0 else (
+                "survived" if run(test_cmd, args.test_timeout)[0] == 0 else "killed")
+        finally:
+            if os.path.exists(path + BACKUP_SUFFIX):
+                os.replace(path + BACKUP_SUFFIX, path)
+            os.utime(path, None)
+        print("%-8s %s:%s %s: %s" % (status, path, line_no, op, desc), flush=True)
+        if status == "killed":
+            killed_since.append((path, line_no, op, desc, was, now))
+    run(build_cmd, 1800)
+
+    # The table: each file's and group's killed count up, survived count down.
+    def moved(name):
+        return sum(1 for k in killed_since
+                   if k[0] == name or (name.endswith("/ (all)") and k[0].startswith(name[:-6]))
+                   or name == "TOTAL")
+
+    out_lines = []
+    retest_cmd = "$ scripts/mutate.py --retest %s" % args.retest
+    for line in head.split("\n"):
+        if line == "" and out_lines and out_lines[-1].startswith("$ ") and \
+                retest_cmd not in out_lines:
+            out_lines.append(retest_cmd)
+        m = re.match(r"^(\S+(?: \(all\))?)\s+(\d+)\s+(\d+)\s+(\d+)\s+", line)
+        if m and m.group(1) != "File":
+            n = moved(m.group(1))
+            k, sv, nb = int(m.group(2)) + n, int(m.group(3)) - n, int(m.group(4))
+            pct = "%5.1f %%" % (100.0 * k / (k + sv)) if k + sv else "    - "
+            line = "%-48s %7d %9d %14d %8s" % (m.group(1), k, sv, nb, pct)
+        out_lines.append(line)
+    kept = []
+    for path, line_no, op, desc, was, now in entries:
+        if any(k[0] == path and k[1] == line_no and k[3] == desc and k[5] == now
+               for k in killed_since):
+            continue
+        reason = explain(equivalents, path, desc, was, "" if now == "(removed)" else now)
+        kept.append("  %s:%s  %s: %s\n      was: %s\n      now: %s\n      equivalent: %s\n" % (
+            path, line_no, op, desc, was, now, reason or "UNEXPLAINED"))
+    report = "\n".join(out_lines) + "\nSurvivors:\n" + ("".join(kept) or "  none\n")
+    if killed_since:
+        report += "\nSurvivors of the run killed by tests added since (scripts/mutate.py --retest):\n"
+        for path, line_no, op, desc, was, now in killed_since:
+            report += "  %s:%s  %s: %s\n      was: %s\n      now: %s\n" % (
+                path, line_no, op, desc, was, now)
+    with open(args.retest, "w") as f:
+        f.write(report)
+    print(report)
+    return 0
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
     ap.add_argument("--sample", type=int, default=0, help="mutants to draw (0: all)")
@@ -198,7 +295,11 @@ def main():
     ap.add_argument("--build-dir", default="build/mutate")
     ap.add_argument("--test-timeout", type=int, default=300, help="seconds for one suite run")
     ap.add_argument("--list", action="store_true", help="print the candidates and stop")
+    ap.add_argument("--retest", metavar="REPORT",
+                    help="run the survivors of REPORT again against today's tests and rewrite it")
     args = ap.parse_args()
+    if args.retest:
+        return retest(args)
 
     began = time.time()
     os.chdir(TOP)
@@ -321,13 +422,7 @@ def main():
             continue
         # An entry names the original line, the change, and (after "=>") the mutated line
         # when the same change can be made in more than one place on a line.
-        reason = None
-        for e_file, e_frag, e_desc, e_reason in equivalents:
-            frag, _, want = e_frag.partition("=>")
-            if (e_file == path and frag.strip() in source_line and e_desc == desc and
-                    (not want.strip() or want.strip() in mutated_line)):
-                reason = e_reason
-                break
+        reason = explain(equivalents, path, desc, source_line, mutated_line)
         if reason is None:
             unexplained += 1
             reason = "UNEXPLAINED"

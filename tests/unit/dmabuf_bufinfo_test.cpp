@@ -107,6 +107,13 @@ TEST(ParseDmabufBufinfo, Layouts) {
     EXPECT_EQ("linux,cma", stats.buffer_stats()[1].exporter_name);
     EXPECT_EQ(12u, stats.buffer_stats()[0].inode);  // zero padding is not octal
 
+    // The largest inode there is.
+    ASSERT_TRUE(ParseDmabufBufinfo(std::string(kHeader) +
+                                       "4096\t0\t0\t1\tsystem\t18446744073709551615\t\n"
+                                       "Total 1 objects, 4096 bytes\n",
+                                   &stats, "t"));
+    EXPECT_EQ(UINT64_MAX, stats.buffer_stats()[0].inode);
+
     // No buffers at all.
     ASSERT_TRUE(
         ParseDmabufBufinfo(std::string(kHeader) + "\nTotal 0 objects, 0 bytes\n", &stats, "t"));

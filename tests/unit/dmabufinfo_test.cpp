@@ -103,6 +103,7 @@ TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
     t.Write("proc/9/fdinfo/3",
             "size:\t8192\ncount:\tlots\nexp_name:\t  \ninode:\t1\nino:\t1\nname:\tcam\n");
     t.Write("proc/9/fdinfo/4", "exp_name:\tsystem\nino:\t5\n");  // what is not said is 0
+    t.Write("proc/9/fdinfo/5", "count:\t3\nexp_name:\tother\nname:\tnew\nino:\t2\n");
     std::vector<DmaBuffer> bufs;
     bufs.emplace_back(1, 4096, 0, "<unknown>", "<unknown>");
     bufs.emplace_back(2, 4096, 0, "system", "kept");
@@ -115,7 +116,9 @@ TEST(ReadDmaBufFdRefs, FillsRecordsMadeFromMappings) {
     EXPECT_EQ(0u, bufs[0].count());     // "lots" is no number
     EXPECT_EQ(4096u, bufs[0].size());   // the size is never changed by a descriptor
     EXPECT_EQ(1, bufs[0].fdrefs().at(9));
-    EXPECT_EQ("kept", bufs[1].name());
+    EXPECT_EQ("kept", bufs[1].name());  // a known name and exporter stay, a count of 0 is filled
+    EXPECT_EQ("system", bufs[1].exporter());
+    EXPECT_EQ(3u, bufs[1].count());
 }
 
 // The kernel documentation's example pads values with blanks where the kernel prints a tab.
@@ -348,8 +351,12 @@ TEST(ReadDmaBufMapRefs, LongLinesAndFilesBeyondOneRead) {
     std::string fdinfo;
     while (fdinfo.size() < 3 * 4096) fdinfo += "pos:\t0\nflags:\t02000002\nmnt_id:\t8\n";
     t.Write("proc/5/fdinfo/3", fdinfo + FdInfo(4, 8192, 2, "system", "late"));
+    // An empty first line, then one longer than a read: the read after it keeps the rest.
+    t.Write("proc/5/fdinfo/7", "\nname:\t" + std::string(5000, 'n') + "\n" + FdInfo(10, 1, 1, "x"));
     ASSERT_TRUE(ReadDmaBufFdRefs(5, &bufs, t.Path("proc")));
     EXPECT_EQ("late", bufs[0].name());
+    ASSERT_EQ(5u, bufs.size());
+    EXPECT_EQ(std::string(5000, 'n'), bufs[4].name());
     EXPECT_EQ(1, bufs[0].fdrefs().at(5));
 }
 

@@ -31,6 +31,11 @@ TEST(ParseMeminfoLine, CountedKeysOnly) {
     EXPECT_EQ(MEMINFO_MALFORMED,
               parse_meminfo_line("PageTables: 123456789012345678901234567890123456789012 kB\n", key,
                                  &kb));
+    // The field is the text from the colon through the blank before "kB": 39 characters fit.
+    const std::string digits(37, '7');
+    EXPECT_EQ(2, parse_meminfo_line(("PageTables: " + digits + " kB\n").c_str(), key, &kb));
+    EXPECT_EQ(MEMINFO_MALFORMED,
+              parse_meminfo_line(("PageTables: 7" + digits + " kB\n").c_str(), key, &kb));
     // No blank after the colon is still a number.
     EXPECT_EQ(0, parse_meminfo_line("Shmem:2436 kB\n", key, &kb));
     EXPECT_EQ(2436, kb);

@@ -44,6 +44,8 @@ TEST(ParseMapLine, Columns) {
     EXPECT_EQ("", m.name);
     ASSERT_TRUE(ParseMapLine("004a3000-004a8000 rw-p 00000000 00:00 0 ", &m));
     EXPECT_EQ("", m.name);
+    ASSERT_TRUE(ParseMapLine("a000-c000   r--s 00000000 00:0b 77 /x", &m));  // padded columns
+    EXPECT_EQ(PROT_READ, m.flags);
     ASSERT_TRUE(ParseMapLine("7f9178-7F91AF r--p 00000000 FE:0a 3 [vvar]", &m));
     EXPECT_EQ(PROT_READ, m.flags);
     EXPECT_EQ(0x7f91afu, m.end);  // read as strtoull reads hexadecimal: either case

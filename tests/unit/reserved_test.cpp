@@ -108,6 +108,8 @@ TEST(ParseMemblockLine, ClassicAndNodeFlagsFormats) {
         {"   4: 0xffffffffffffffff..0x8000000000000000\n", 0x7fffffffffffffff, 0x7fffffffffffffff},
         {"   4: 0x7ffffffffffffffe..-0x8000000000000001\n", 0x7ffffffffffffffe, 0x8000000000000000},
         {"   5: 0x1000..\n", 0x1000, 0},  // no digits: 0
+        // The widest number texts that fit their 20-byte field: 19 characters.
+        {"   6: 0x00000000080000000..0x00000000080000fff\n", 0x80000000, 0x80000fff},
     };
     for (const Case& c : cases) {
         uint64_t start = 0, end = 0;
@@ -122,6 +124,8 @@ TEST(ParseMemblockLine, ClassicAndNodeFlagsFormats) {
         "   2:..0x00000000809fffff\n",                    // ".." right after ':'
         "   2: 0x000000000000000080000000..0x1\n",        // start text too long
         "   2: 0x1..0x00000000000000000000809fffff\n",    // end text too long
+        "   6: 0x000000000080000000..0x1\n",              // 20 characters: one too many
+        "   6: 0x1..0x000000000080000fff\n",
     };
     for (const char* line : skipped) {
         uint64_t start, end;
@@ -208,6 +212,10 @@ TEST(ParseSizeKb, TotalLines) {
     EXPECT_NE(0, parse_size_kb("fdt_no-map total: 307200 KB\n", &kb));
     EXPECT_NE(0, parse_size_kb("fdt_no-map total: size 307200\n", &kb));
     EXPECT_NE(0, parse_size_kb("total: size 12345678901234567 KB\n", &kb));
+    // The number's field holds 15 characters: one more and the line has no size.
+    EXPECT_EQ(0, parse_size_kb("total: size 123456789012345 KB\n", &kb));
+    EXPECT_EQ(123456789012345, kb);
+    EXPECT_NE(0, parse_size_kb("total: size 1234567890123456 KB\n", &kb));
 }
 
 // Lists built by hand for the accounting that walks them.

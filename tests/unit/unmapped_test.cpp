@@ -74,7 +74,10 @@ bool ReadExported(void* out, const char* path) {
 
 TEST(ReadWithRetries, FreedBufferIsGoneOnTheNextRead) {
     Moving m;
+    testing::internal::CaptureStderr();
     EXPECT_EQ(2, read_with_retries(ReadStats, &m, m.path().c_str()));
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, err.find("quarrystat: read " + m.path() + " in 2 attempts\n"));
     EXPECT_EQ(2, m.reads);
     ASSERT_EQ(2u, m.stats.buffer_stats().size());
     EXPECT_EQ(2u, m.stats.total_count());
@@ -88,7 +91,9 @@ TEST(ReadWithRetries, FreedBufferIsGoneOnTheNextRead) {
 TEST(ReadWithRetries, StillTreeReadsOnce) {
     Moving m;
     std::filesystem::remove_all(m.t.Path("buffers/2"));
+    testing::internal::CaptureStderr();
     EXPECT_EQ(1, read_with_retries(ReadStats, &m, m.path().c_str()));
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());  // a first read needs no word
     EXPECT_EQ(1, m.reads);
 }
 
