@@ -199,6 +199,21 @@ def explain(equivalents, path, desc, source_line, mutated_line):
     return None
 
 
+def configure(args):
+    """Configures the mutation build directory (again, so a fresh clone needs nothing first) and
+    returns its path."""
+    build = os.path.join(TOP, args.build_dir)
+    # Undefined behaviour (an index past an array, a signed overflow) traps, as the asan preset
+    # would report it; trapping needs no sanitizer runtime, so the binary stays static.
+    rc, out = run(["cmake", "-S", ".", "-B", build, "-DCMAKE_BUILD_TYPE=Debug",
+                   "-DQUARRY_STATIC=ON", "-DQUARRY_TESTS=ON",
+                   "-DCMAKE_CXX_FLAGS=-fsanitize=undefined -fno-sanitize=vptr "
+                   "-fsanitize-undefined-trap-on-error"], 300)
+    if rc != 0:
+        sys.exit("mutate.py: cmake failed:\n" + out)
+    return build
+
+
 def retest(args):
     """Re-applies each survivor of a report (one line each: "was" becomes "now") to the same
     sources, reruns the suite, and rewrites the report: a survivor the suite now kills moves to
@@ -211,7 +226,7 @@ def retest(args):
     head, _, tail = text.partition("\nSurvivors:\n")
     entries = re.findall(r"^  (\S+):(\d+)  (\w+): (.*)\n      was: (.*)\n      now: (.*)\n"
                          r"      equivalent: .*\n", tail, re.M)
-    build = os.path.join(TOP, args.build_dir)
+    build = configure(args)
     build_cmd = ["cmake", "--build", build, "-j", "2"]
     test_cmd = ["ctest", "--test-dir", build, "-j", "2", "-E", r"^live\.", "--stop-on-failure",
                 "--timeout", "60"]
@@ -328,15 +343,7 @@ def main():
             chosen += rng.sample(ms, min(quota[f], len(ms)))
         rng.shuffle(chosen)
 
-    build = os.path.join(TOP, args.build_dir)
-    # Undefined behaviour (an index past an array, a signed overflow) traps, as the asan preset
-    # would report it; trapping needs no sanitizer runtime, so the binary stays static.
-    rc, out = run(["cmake", "-S", ".", "-B", build, "-DCMAKE_BUILD_TYPE=Debug",
-                   "-DQUARRY_STATIC=ON", "-DQUARRY_TESTS=ON",
-                   "-DCMAKE_CXX_FLAGS=-fsanitize=undefined -fno-sanitize=vptr "
-                   "-fsanitize-undefined-trap-on-error"], 300)
-    if rc != 0:
-        sys.exit("mutate.py: cmake failed:\n" + out)
+    build = configure(args)
     build_cmd = ["cmake", "--build", build, "-j", "2"]
     test_cmd = ["ctest", "--test-dir", build, "-j", "2", "-E", r"^live\.", "--stop-on-failure",
                 "--timeout", "60"]
