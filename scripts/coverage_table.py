@@ -42,6 +42,13 @@ UNREACHABLE = [
     ("libmeminfo/libdmabufinfo/dmabufinfo.cpp", "the device kernel",
      "reached by ReadDmaBufFdRefs.PermissionMessageOnce in a child that drops root and ends with "
      "_exit(), which writes no counters"),
+] + [
+    ("base/logging.cpp", fragment,
+     "a message that cannot be formed for want of memory: reached by "
+     "OutOfMemory.ReportsReturnNoMemoryAndSaySo in children that end with _exit(), which writes "
+     "no counters")
+    for fragment in ("snprintf(text,", "strerror(ENOMEM)", "if (n > 0) {", "std::min<size_t>(n,")
+] + [
     ("libmeminfo/libdmabufinfo/dmabufinfo.cpp", "name++;",
      "a descriptor name with leading white space: the kernel names descriptors by plain digits"),
 ]
