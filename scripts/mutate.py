@@ -214,6 +214,18 @@ def configure(args):
     return build
 
 
+def prepare_build(args):
+    """Configures and builds the unchanged tree; the commands that rebuild and test a mutant."""
+    build = configure(args)
+    build_cmd = ["cmake", "--build", build, "-j", "2"]
+    test_cmd = ["ctest", "--test-dir", build, "-j", "2", "-E", r"^live\.", "--stop-on-failure",
+                "--timeout", "60"]
+    rc, out = run(build_cmd, 1800)
+    if rc != 0:
+        sys.exit("mutate.py: the unchanged tree does not build:\n" + out[-3000:])
+    return build_cmd, test_cmd
+
+
 def retest(args):
     """Re-applies each survivor of a report (one line each: "was" becomes "now") to the same
     sources, reruns the suite, and rewrites the report: a survivor the suite now kills moves to
@@ -226,13 +238,7 @@ def retest(args):
     head, _, tail = text.partition("\nSurvivors:\n")
     entries = re.findall(r"^  (\S+):(\d+)  (\w+): (.*)\n      was: (.*)\n      now: (.*)\n"
                          r"      equivalent: .*\n", tail, re.M)
-    build = configure(args)
-    build_cmd = ["cmake", "--build", build, "-j", "2"]
-    test_cmd = ["ctest", "--test-dir", build, "-j", "2", "-E", r"^live\.", "--stop-on-failure",
-                "--timeout", "60"]
-    rc, out = run(build_cmd, 1800)
-    if rc != 0:
-        sys.exit("mutate.py: the unchanged tree does not build:\n" + out[-3000:])
+    build_cmd, test_cmd = prepare_build(args)
     killed_since = []
     equivalents = load_equivalents()
     for path, line_no, op, desc, was, now in entries:
@@ -343,13 +349,7 @@ def main():
             chosen += rng.sample(ms, min(quota[f], len(ms)))
         rng.shuffle(chosen)
 
-    build = configure(args)
-    build_cmd = ["cmake", "--build", build, "-j", "2"]
-    test_cmd = ["ctest", "--test-dir", build, "-j", "2", "-E", r"^live\.", "--stop-on-failure",
-                "--timeout", "60"]
-    rc, out = run(build_cmd, 1800)
-    if rc != 0:
-        sys.exit("mutate.py: the unchanged tree does not build:\n" + out[-3000:])
+    build_cmd, test_cmd = prepare_build(args)
     t0 = time.time()
     rc, out = run(test_cmd, args.test_timeout)
     if rc != 0:

@@ -159,15 +159,7 @@ bool ParseDmabufBufinfo(std::string_view text, DmabufSysfsStats* stats, const st
 
         // The sums wrap like the kernel's own would; a table whose sizes overflow 64 bits
         // cannot agree with its Total line anyway.
-        stats->total_.size += info.size;
-        stats->total_.count++;
-        auto [it, inserted] =
-            stats->exporter_totals_.try_emplace(info.exporter_name, DmabufTotal{info.size, 1});
-        if (!inserted) {
-            it->second.size += info.size;
-            it->second.count++;
-        }
-        stats->buffers_.push_back(std::move(info));
+        stats->AddBuffer(std::move(info));
     }
     if (!have_total) {
         LOG(ERROR) << source << " ends before its Total line";

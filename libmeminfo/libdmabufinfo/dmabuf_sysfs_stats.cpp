@@ -63,6 +63,18 @@ static DirPtr OpenBuffersDir(const std::string& path) {
     return dir;
 }
 
+void DmabufSysfsStats::AddBuffer(DmabufInfo info) {
+    total_.size += info.size;
+    total_.count++;
+    auto [it, inserted] =
+        exporter_totals_.try_emplace(info.exporter_name, DmabufTotal{info.size, 1});
+    if (!inserted) {
+        it->second.size += info.size;
+        it->second.count++;
+    }
+    buffers_.push_back(std::move(info));
+}
+
 bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path) {
     DirPtr dir = OpenBuffersDir(path);
     if (!dir) return false;
@@ -88,15 +100,7 @@ bool GetDmabufSysfsStats(DmabufSysfsStats* stats, const std::string& path) {
         info.exporter_name = base::Trim(exporter);
         if (!ReadUintFromFile(buf_path + "/size", &info.size)) return false;
 
-        stats->total_.size += info.size;
-        stats->total_.count++;
-        auto [it, inserted] =
-            stats->exporter_totals_.try_emplace(info.exporter_name, DmabufTotal{info.size, 1});
-        if (!inserted) {
-            it->second.size += info.size;
-            it->second.count++;
-        }
-        stats->buffers_.push_back(std::move(info));
+        stats->AddBuffer(std::move(info));
     }
     return true;
 }

@@ -31,6 +31,9 @@ class DmabufSysfsStats {
     unsigned int total_count() const { return total_.count; }
 
   private:
+    // Appends a row and counts it into its exporter's total and the overall one.
+    void AddBuffer(DmabufInfo info);
+
     std::vector<DmabufInfo> buffers_;
     std::unordered_map<std::string, DmabufTotal> exporter_totals_;
     DmabufTotal total_ = {0, 0};
