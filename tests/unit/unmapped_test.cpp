@@ -155,29 +155,43 @@ TEST(TermSafe, EscapesOnATerminalOnly) {
     close(pipe_fds[1]);
 }
 
-// The mapped walk could open /proc, the held walk cannot: after its bounded passes it says
-// that no holders are known, so the report's "kernel" owners are not taken at face value.
-TEST(CollectHeldDmabufs, NoProcMeansNoHoldersKnown) {
+// Runs body in a child chroot'ed into root, its standard output thrown away; the child's exit
+// status (-1 when it did not exit) and what it wrote on standard error.
+struct ChildRun {
+    int status;
+    std::string err;
+};
+template <typename Body>
+ChildRun RunChrooted(const std::string& root, Body body) {
     TempTree t;
     std::string err_path = t.Path("stderr");
     pid_t child = fork();
-    ASSERT_GE(child, 0);
     if (child == 0) {
-        int fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (fd < 0 || dup2(fd, STDERR_FILENO) < 0 || chroot(t.Root().c_str()) != 0 ||
-            chdir("/") != 0)
+        int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        int out = open("/dev/null", O_WRONLY);
+        if (err < 0 || out < 0 || dup2(err, STDERR_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 ||
+            chroot(root.c_str()) != 0 || chdir("/") != 0)
             _exit(2);
-        std::vector<android::dmabufinfo::DmaBuffer> held;
-        collect_held_dmabufs(&held);
-        _exit(held.empty() ? 0 : 3);
+        _exit(body());
     }
     int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    if (child < 0 || waitpid(child, &status, 0) != child) return {-1, ""};
     std::ifstream in(err_path);
     std::stringstream text;
     text << in.rdbuf();
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text.str()};
+}
+
+// The mapped walk could open /proc, the held walk cannot: after its bounded passes it says
+// that no holders are known, so the report's "kernel" owners are not taken at face value.
+TEST(CollectHeldDmabufs, NoProcMeansNoHoldersKnown) {
+    TempTree empty;
+    ChildRun run = RunChrooted(empty.Root(), [] {
+        std::vector<android::dmabufinfo::DmaBuffer> held;
+        collect_held_dmabufs(&held);
+        return held.empty() ? 0 : 3;
+    });
+    EXPECT_EQ(0, run.status);
     EXPECT_EQ(
         "Failed to open /proc directory\n"
         "Failed to open /proc directory\n"
@@ -185,9 +199,8 @@ TEST(CollectHeldDmabufs, NoProcMeansNoHoldersKnown) {
         "Failed to open /proc directory\n"
         "quarrystat: /proc could not be opened in 4 passes: no holders could be read, so an "
         "owner shown as \"kernel\" is not known\n",
-        text.str());
+        run.err);
 }
-
 
 // Out of memory at any point of -u or -n: the report returns -ENOMEM (the exit status 244) and
 // names on standard error what it could not allocate, rather than aborting. Every count of
@@ -197,33 +210,19 @@ TEST(OutOfMemory, ReportsReturnNoMemoryAndSaySo) {
     for (int report = 0; report < 2; report++) {
         int failed_runs = 0;
         for (long allow = 0; allow < 400; allow++) {
-            TempTree t;
-            std::string err_path = t.Path("stderr");
-            pid_t child = fork();
-            ASSERT_GE(child, 0);
-            if (child == 0) {
-                int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-                int out = open("/dev/null", O_WRONLY);
-                if (err < 0 || out < 0 || dup2(err, STDERR_FILENO) < 0 ||
-                    dup2(out, STDOUT_FILENO) < 0 || chroot(tree.c_str()) != 0 || chdir("/") != 0)
-                    _exit(2);
+            ChildRun run = RunChrooted(tree, [&] {
                 FailAllocationsAfter(allow);
                 int ret = report == 0 ? show_unmapped_dmabuf() : parse_kernel_memory();
                 FailAllocationsAfter(-1);
-                _exit(ret == -ENOMEM ? 10 : ret == 0 ? 0 : 3);
-            }
-            int status = 0;
-            ASSERT_EQ(child, waitpid(child, &status, 0));
-            std::ifstream in(err_path);
-            std::stringstream text;
-            text << in.rdbuf();
-            ASSERT_TRUE(WIFEXITED(status)) << "report " << report << ", allow " << allow << ": "
-                                           << text.str();
-            if (WEXITSTATUS(status) == 0) break;  // enough memory for the whole report
-            ASSERT_EQ(10, WEXITSTATUS(status)) << "allow " << allow;
+                return ret == -ENOMEM ? 10 : ret == 0 ? 0 : 3;
+            });
+            ASSERT_NE(-1, run.status) << "report " << report << ", allow " << allow << ": "
+                                      << run.err;
+            if (run.status == 0) break;  // enough memory for the whole report
+            ASSERT_EQ(10, run.status) << "allow " << allow;
             EXPECT_NE(std::string::npos,
-                      text.str().find("quarrystat: out of memory: cannot allocate memory for "))
-                << text.str();
+                      run.err.find("quarrystat: out of memory: cannot allocate memory for "))
+                << run.err;
             failed_runs++;
         }
         EXPECT_GT(failed_runs, 10) << "report " << report;
