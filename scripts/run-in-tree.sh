@@ -51,7 +51,10 @@ set -euo pipefail
 tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7
 shift 7
 mount -t tmpfs -o mode=755,nodev,nosuid quarry-tree "$root"
-(cd "$tree" && find . -mindepth 1 | LC_ALL=C sort | tar -c --no-recursion -T - -f -) |
+# The list is NUL-separated and taken verbatim: a name may hold a newline, and a line of it
+# may read "-C"; neither may make tar take a second name, or an option, from it.
+(cd "$tree" && find . -mindepth 1 -print0 | LC_ALL=C sort -z |
+  tar -c --no-recursion --null --verbatim-files-from -T - -f -) |
   tar -x -p -f - -C "$root"
 cp "$binary" "$root/quarrystat"
 # Shared libraries and the loader of a dynamic program, at their own paths.

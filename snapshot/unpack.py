@@ -30,6 +30,15 @@ KINDS = {
 }
 
 
+def shown(name):
+    """The name as it may reach a terminal: control characters as \\xHH, like the tool's own."""
+    return "".join(f"\\x{ord(c):02x}" if ord(c) < 0x20 or ord(c) == 0x7f else c for c in name)
+
+
+def has_control(name):
+    return any(ord(c) < 0x20 or ord(c) == 0x7f for c in name)
+
+
 def relative_name(name):
     """The member's path inside the capture, or None when it climbs out of it."""
     parts = [p for p in name.split("/") if p not in ("", ".")]
@@ -65,7 +74,7 @@ def main():
 
     def drop(name, why):
         dropped.append(name)
-        print(f"replay: dropped {name}: {why}", file=sys.stderr)
+        print(f"replay: dropped {shown(name)}: {shown(why)}", file=sys.stderr)
 
     try:
         with tarfile.open(capture, "r|*") as tar:
@@ -75,6 +84,11 @@ def main():
                     print(f"replay: {capture} has more than {MAX_MEMBERS} entries; "
                           "not a capture", file=sys.stderr)
                     return 2
+                # capture.sh never writes such a name, and a newline in one would pass for
+                # two names wherever a list of the tree is read line by line.
+                if has_control(m.name) or (m.linkname and has_control(m.linkname)):
+                    drop(m.name, "its name holds a control character")
+                    continue
                 rel = relative_name(m.name)
                 if rel is None:
                     drop(m.name, "its name leaves the capture")
