@@ -1,0 +1,470 @@
+"""The offline page: one HTML file with its style, its drawings (inline SVG) and a few lines of
+script (table sorting) inside, so it can be attached to a bug and opened anywhere without a
+network.
+
+render(doc) draws the document report.py builds (the same one --json writes), so the page
+never shows a figure the JSON lacks. Every text that came from a device goes through text():
+control bytes become \\xHH and markup characters become entities, in element content and in
+attributes alike.
+"""
+import datetime
+import html
+
+import reporttext
+
+# The tool's two DDR banks. Each is drawn to its own scale in a row of its own; what lies
+# between them is a break, not drawn to scale.
+BANKS = [(0x80000000, 0x100000000), (0x880000000, 0x1000000000)]
+MAP_WIDTH = 1000
+MIN_WIDTH = 3  # a region narrower than this on the map is widened to it and listed beside
+KIND_CLASS = {"fdt_no-map": "nomap", "fdt_reserved": "reserved", "fdt_reserved_cma": "cma",
+              "memblock_reserved": "reserved"}
+LEGEND = [("nomap", "no-map"), ("reserved", "reserved"), ("cma", "CMA"),
+          ("cmaused", "CMA in use (its place in the area is not known)"), ("initrd", "initrd"),
+          ("kcode", "kernel code"), ("kdata", "kernel data"), ("memory", "memory table"),
+          ("hole", "gap in the memory table (bp hole where no region covers it)"),
+          ("absent", "no memory")]
+PALETTE = ["#1f77b4", "#d62728", "#2ca02c", "#ff7f0e", "#9467bd", "#8c564b", "#e377c2",
+           "#17becf", "#7f7f7f", "#bcbd22"]
+
+STYLE = """
+body{font:14px/1.4 sans-serif;margin:1em 2em;color:#222;max-width:1100px}
+h1{font-size:1.4em}h2{font-size:1.2em;border-bottom:1px solid #ccc;margin-top:1.6em}
+h3{font-size:1.05em}
+table{border-collapse:collapse;margin:.5em 0}td,th{border:1px solid #ccc;padding:2px 6px;
+text-align:left}td.n,th.n{text-align:right}th[data-type]{cursor:pointer;background:#f3f3f3}
+th[data-type]:after{content:" \\2195";color:#999}
+tr.changed td{background:#fff3b0}tr.gone td{background:#e6e6e6;text-decoration:line-through}
+td.kernel{font-style:italic;color:#8a2be2}.unsaid{color:#a00}.note{color:#555}
+.bad{color:#a00;font-weight:bold}svg{display:block;margin:.5em 0}
+.nomap{fill:#d62728}.reserved{fill:#ff7f0e}.cma{fill:#2ca02c}.cmaused{fill:#135e13}
+.initrd{fill:#9467bd}.kcode{fill:#1f77b4}.kdata{fill:#17becf}.memory{fill:#f4f4e8}
+.hole{fill:#555}.absent{fill:#fff;stroke:#bbb}.legend span{display:inline-block;width:12px;
+height:12px;margin:0 4px 0 12px;vertical-align:middle}.unknown{fill:#fff;stroke:#a00;
+stroke-dasharray:4 2}code{background:#f3f3f3}
+"""
+
+# Sorts a table by the clicked header: numbers by value, text by text; a second click reverses.
+SCRIPT = """
+document.querySelectorAll('th[data-type]').forEach(function (th) {
+  th.addEventListener('click', function () {
+    var table = th.closest('table'), body = table.tBodies[0];
+    var col = Array.prototype.indexOf.call(th.parentNode.children, th);
+    var num = th.getAttribute('data-type') === 'num';
+    var dir = th.getAttribute('data-dir') === 'asc' ? -1 : 1;
+    table.querySelectorAll('th').forEach(function (h) { h.removeAttribute('data-dir'); });
+    th.setAttribute('data-dir', dir === 1 ? 'asc' : 'desc');
+    var rows = Array.prototype.slice.call(body.rows);
+    rows.sort(function (a, b) {
+      var x = a.cells[col].textContent, y = b.cells[col].textContent;
+      if (num) return dir * (Number(x) - Number(y));
+      return dir * (x < y ? -1 : x > y ? 1 : 0);
+    });
+    rows.forEach(function (r) { body.appendChild(r); });
+  });
+});
+"""
+
+
+def text(value):
+    return html.escape(reporttext.shown(str(value)), quote=True)
+
+
+def kb(value):
+    return "unknown" if value is None else "%d KB" % value
+
+
+def _num(v):
+    return "" if v is None else "%d" % v
+
+
+def _when(t):
+    parts = []
+    if t.get("uptime") is not None:
+        parts.append("uptime %.2f s" % t["uptime"])
+    if t.get("wall") is not None:
+        try:
+            parts.append(datetime.datetime.fromtimestamp(t["wall"], datetime.timezone.utc)
+                         .strftime("%Y-%m-%d %H:%M:%S UTC"))
+        except (OverflowError, OSError, ValueError):
+            pass
+    return ", ".join(parts) or "time not recorded"
+
+
+def _region_class(r):
+    if r["kind"] == "MemblockReserved":
+        return {"Kernel code": "kcode", "Kernel data": "kdata"}.get(r["name"], "reserved")
+    if r["name"] == "initrd":
+        return "initrd"
+    return KIND_CLASS.get(r["kind"], "reserved")
+
+
+def _title(name, start, end, size_kb):
+    return "<title>%s: 0x%x-0x%x, %d KB</title>" % (text(name), start, end, size_kb)
+
+
+def memory_map(capture):
+    s = capture["reserved"]
+    regions = sorted(s["regions"], key=lambda r: -r["size_kb"])
+    used = {}
+    for c in s.get("cma_used", []):
+        used[c["area"]] = used.get(c["area"], 0) + c["kb"]
+    row_h, gap = 36, 34
+    height = len(BANKS) * row_h + (len(BANKS) - 1) * gap + 20
+    out = ['<svg id="memory-map" width="%d" height="%d" viewBox="0 0 %d %d" '
+           'xmlns="http://www.w3.org/2000/svg">' % (MAP_WIDTH, height, MAP_WIDTH, height)]
+    narrow, outside = [], []
+    placed = set()
+    for b, (lo, hi) in enumerate(BANKS):
+        y = b * (row_h + gap)
+        scale = MAP_WIDTH / (hi - lo)
+        out.append('<rect class="absent" x="0" y="%d" width="%d" height="%d">'
+                   '<title>bank 0x%x-0x%x</title></rect>' % (y, MAP_WIDTH, row_h, lo, hi))
+        ranges = [(max(a, lo), min(z, hi)) for a, z in (capture["memory"] or []) if a < hi and z > lo]
+        for a, z in ranges:
+            out.append('<rect class="memory" x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
+                (a - lo) * scale, y, (z - a) * scale, row_h,
+                _title("memory", a, z, (z - a) // 1024)))
+        for (a0, z0), (a1, z1) in zip(ranges, ranges[1:]):
+            if a1 > z0:
+                out.append('<rect class="hole" x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
+                    (z0 - lo) * scale, y, max((a1 - z0) * scale, MIN_WIDTH), row_h,
+                    _title("gap in the memory table", z0, a1, (a1 - z0) // 1024)))
+        for i, r in enumerate(regions):
+            start, size = r["start"], r["size_kb"] * 1024
+            if size < 0 or not (lo <= start < hi):
+                continue
+            placed.add(i)
+            cls = _region_class(r)
+            w = size * scale
+            x = (start - lo) * scale
+            if w < MIN_WIDTH:
+                narrow.append(r)
+                w = MIN_WIDTH
+            out.append('<rect class="%s" data-region="%s" x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
+                cls, text(r["name"]), x, y + 4, w, row_h - 8, _title(r["name"], start, start + size, r["size_kb"])))
+            if cls == "cma" and used.get(r["name"]):
+                u = min(used[r["name"]] * 1024, size)
+                out.append('<rect class="cmaused" x="%.3f" y="%d" width="%.3f" height="%d">'
+                           '<title>%s in use: %d KB (its place in the area is not known)</title></rect>' % (
+                               x, y + 12, max(u * scale, 1), row_h - 24, text(r["name"]), used[r["name"]]))
+        out.append('<text x="2" y="%d" font-size="11">0x%x</text>' % (y + row_h + 12, lo))
+        out.append('<text x="%d" y="%d" font-size="11" text-anchor="end">0x%x (%d MB in %d px)</text>' % (
+            MAP_WIDTH - 2, y + row_h + 12, hi, (hi - lo) >> 20, MAP_WIDTH))
+        if b + 1 < len(BANKS):
+            by = y + row_h + gap // 2 + 4
+            out.append('<path d="M480 %d l10 -8 l10 16 l10 -8" stroke="#444" fill="none"/>'
+                       '<text x="530" y="%d" font-size="11">break: 0x%x-0x%x not drawn</text>' % (
+                           by, by + 4, hi, BANKS[b + 1][0]))
+    out.append("</svg>")
+    outside = [r for i, r in enumerate(regions) if i not in placed]
+    legend = '<p class="legend">' + "".join(
+        '<span class="%s-key" style="background:%s"></span>%s' % (c, _legend_colour(c), text(label))
+        for c, label in LEGEND) + "</p>"
+    listed = ""
+    if narrow or outside:
+        rows = "".join("<tr><td>%s</td><td>%s</td><td>0x%x</td><td class=n>%d</td><td>%s</td></tr>" % (
+            text(r["name"]), text(r["kind"]), r["start"], r["size_kb"],
+            "outside the banks" if r in outside else "too narrow to see; drawn %d px wide" % MIN_WIDTH)
+            for r in narrow + outside)
+        listed = ('<table id="narrow-regions"><thead><tr><th>Region</th><th>Kind</th><th>Start</th>'
+                  '<th class=n>KB</th><th></th></tr></thead><tbody>%s</tbody></table>' % rows)
+    return "".join(out) + legend + listed
+
+
+def _legend_colour(cls):
+    return {"nomap": "#d62728", "reserved": "#ff7f0e", "cma": "#2ca02c", "cmaused": "#135e13",
+            "initrd": "#9467bd", "kcode": "#1f77b4", "kdata": "#17becf", "memory": "#f4f4e8",
+            "hole": "#555", "absent": "#fff;border:1px solid #bbb"}[cls]
+
+
+def equations(summary):
+    if not summary:
+        return '<p class="unsaid">The report printed no summary.</p>'
+    g = summary.get
+    out = []
+
+    def line(left_name, left, parts, sign=None):
+        known = [v for _, v in parts]
+        words = " + ".join("%s (%s)" % (n, kb(v)) for n, v in parts)
+        if sign:
+            words = words.rsplit(" + ", 1)[0] + " - " + words.rsplit(" + ", 1)[1]
+        s = "<p><code>%s (%s) = %s</code>" % (text(left_name), kb(left), words)
+        if left is not None and None not in known:
+            total = sum(known) if not sign else sum(known[:-1]) - known[-1]
+            if total != left:
+                s += ' <span class="bad">the parts add up to %d KB, %+d KB from the published %d KB</span>' % (
+                    total, total - left, left)
+        return s + "</p>"
+
+    if "total" in summary:
+        s = "<p><code>ReservedMemoryTotal (%s) ?= %s = bp hole (%s) + fdt_nomap (%s) + mb_reserved (%s) - cma_total (%s)</code>" % (
+            kb(g("total")), kb(g("parts")), kb(g("bp_hole")), kb(g("fdt_nomap")), kb(g("mb_reserved")), kb(g("cma_total")))
+        if g("total") is not None and g("parts") is not None and g("total") != g("parts"):
+            s += ' <span class="bad" id="total-differs">the sum of the parts (%d KB) differs from the published total (%d KB) by %+d KB</span>' % (
+                g("parts"), g("total"), g("parts") - g("total"))
+        out.append(s + "</p>")
+    if "bootloader_memhole" in summary:
+        out.append(line("bootloader_memhole", g("bootloader_memhole"),
+                        [("bp hole", g("bp_hole")), ("fdt_nomap_inhole", g("fdt_nomap_inhole"))]))
+    if "fdt_nomap_inkernel" in summary:
+        out.append(line("fdt nomap", g("fdt_nomap"),
+                        [("fdt_nomap_inkernel", g("fdt_nomap_inkernel")), ("fdt_nomap_inhole", g("fdt_nomap_inhole"))]))
+    return "".join(out)
+
+
+def kmem_bar(n):
+    parts = [(c["name"], c["kb"]) for c in n["counters"]]
+    unknown = None
+    if n["unmapped"] is not None:
+        if n["unmapped"]["kb"] is None:
+            unknown = n["unmapped"]
+        else:
+            parts.append((n["unmapped"]["source"] + " unmapped", n["unmapped"]["kb"]))
+    whole = sum(v for _, v in parts if v > 0) or 1
+    x = 0.0
+    out = ['<svg id="kmem-bar" width="%d" height="46" xmlns="http://www.w3.org/2000/svg">' % MAP_WIDTH]
+    for i, (name, v) in enumerate(parts):
+        if v <= 0:
+            continue
+        w = v * (MAP_WIDTH - 160 if unknown else MAP_WIDTH) / whole
+        out.append('<rect x="%.3f" y="0" width="%.3f" height="30" fill="%s"><title>%s: %d KB</title></rect>' % (
+            x, w, PALETTE[i % len(PALETTE)], text(name), v))
+        x += w
+    if unknown:
+        out.append('<rect class="unknown" x="%d" y="0" width="158" height="30"><title>%s unmapped: unknown</title></rect>'
+                   '<text x="%d" y="19" font-size="12" fill="#a00">%s unmapped: unknown</text>' % (
+                       MAP_WIDTH - 159, text(unknown["source"]), MAP_WIDTH - 154, text(unknown["source"])))
+    out.append('<text x="0" y="44" font-size="12">total %s</text></svg>' % kb(n["total_kb"]))
+    rows = "".join("<tr><td><span style=\"color:%s\">&#9632;</span> %s</td><td class=n>%s</td></tr>" % (
+        PALETTE[i % len(PALETTE)], text(name), _num(v)) for i, (name, v) in enumerate(parts))
+    if unknown:
+        rows += '<tr><td>%s unmapped</td><td class="n unsaid">unknown%s</td></tr>' % (
+            text(unknown["source"]), " (%s)" % text(unknown["reason"]) if unknown["reason"] else "")
+    rows += "<tr><th>Kernel Memory total</th><th class=n>%s</th></tr>" % _num(n["total_kb"])
+    return "".join(out) + "<table><thead><tr><th>Counter</th><th class=n>KB</th></tr></thead><tbody>%s</tbody></table>" % rows
+
+
+def owners_text(owners):
+    return "kernel" if not owners else ", ".join("[%d]%s" % (o["pid"], o["name"]) for o in owners)
+
+
+def subtotal_table(rows, by, title):
+    sums = {}
+    for r in rows:
+        if by == "exporter":
+            keys = [r["exporter"]]
+        elif by == "holder":
+            keys = ["[%d]%s" % (o["pid"], o["name"]) for o in r["owners"]] or ["kernel"]
+        else:
+            keys = [r["name"]] if r.get("name") else []
+        for k in keys:
+            count, size = sums.get(k, (0, 0))
+            sums[k] = (count + 1, size + r["size"])
+    if not sums:
+        return ""
+    body = "".join("<tr><td>%s</td><td class=n>%d</td><td class=n>%d</td></tr>" % (text(k), c, s // 1024)
+                   for k, (c, s) in sorted(sums.items(), key=lambda kv: -kv[1][1]))
+    return ('<table class="subtotal"><thead><tr><th data-type="text">%s</th><th class=n data-type="num">Buffers</th>'
+            '<th class=n data-type="num">KB</th></tr></thead><tbody>%s</tbody></table>' % (text(title), body))
+
+
+def dmabuf_section(capture, ident, marks):
+    u = capture["unmapped"]
+    if u["state"] != "table":
+        return ""
+    named = any(r.get("name") for r in u["rows"]) or capture["bufinfo"]["present"]
+    head = '<th class=n data-type="num">Inode</th>' + ('<th data-type="text">Name</th>' if named else "") + \
+        '<th class=n data-type="num">Size (bytes)</th><th data-type="text">Exporter</th><th data-type="text">Owner</th>'
+    body = []
+    for r in u["rows"]:
+        mark = marks.get(r["inode"])
+        cls = ' class="%s" title="%s"' % mark if mark else ""
+        name = "<td>%s</td>" % (text(r["name"]) if r.get("name") else "") if named else ""
+        owner = '<td class="kernel" title="held only by the kernel">kernel</td>' if r["kernel"] or not r["owners"] \
+            else "<td>%s</td>" % text(owners_text(r["owners"]))
+        body.append("<tr%s><td class=n>%d</td>%s<td class=n>%d</td><td>%s</td>%s</tr>" % (
+            cls, r["inode"], name, r["size"], text(r["exporter"]), owner))
+    out = ['<p>Unmapped total: %s, %d buffers. <span class="note">Click a column header to sort.</span></p>' % (
+        kb(u["total_kb"]), len(u["rows"]))]
+    out.append('<table class="dmabuf" id="dmabuf-%s"><thead><tr>%s</tr></thead><tbody>%s</tbody></table>' % (
+        ident, head, "".join(body)))
+    out.append('<div class="subtotals">%s%s%s</div>' % (
+        subtotal_table(u["rows"], "exporter", "Exporter"), subtotal_table(u["rows"], "holder", "Holding process"),
+        subtotal_table(u["rows"], "name", "Buffer name") if named else ""))
+    return "".join(out)
+
+
+def unsaid_list(items, section):
+    lines = [i["text"] for i in items if i["section"] == section]
+    if not lines:
+        return ""
+    return '<div class="unsaid"><p>What the tool could not say here:</p><ul>%s</ul></div>' % "".join(
+        "<li>%s</li>" % text(t) for t in lines)
+
+
+def capture_sections(capture, ident, marks=None):
+    h = []
+    info = capture["info"]
+    h.append('<p class="note">%s: model %s, kernel %s, %s</p>' % (
+        text(capture["file"]), text(info.get("model") or "not recorded"),
+        text(info.get("kernel_release") or "not recorded"), text(_when(capture["time"]))))
+    h.append("<h3>Physical memory map (reserved memory)</h3>")
+    h.append(memory_map(capture))
+    h.append(equations(capture["reserved"]["summary"]))
+    h.append(unsaid_list(capture["unsaid"], "reserved"))
+    h.append("<h3>Kernel memory</h3>")
+    h.append(kmem_bar(capture["kmem"]))
+    h.append(unsaid_list(capture["unsaid"], "kmem"))
+    h.append("<h3>Unmapped DMA-BUF</h3>")
+    h.append(dmabuf_section(capture, ident, marks or {}))
+    h.append(unsaid_list(capture["unsaid"], "dmabuf"))
+    return "".join(h)
+
+
+def facts_section(f):
+    out = ["<h2>What changed</h2>"]
+    if f["missing"]:
+        out.append('<ul class="unsaid">%s</ul>' % "".join(
+            "<li>%s report missing on the %s capture: %s</li>" % (text(m["report"]), text(m["side"]), text(m["reason"]))
+            for m in f["missing"]))
+    if f["buffers"]:
+        rows = []
+        for b in f["buffers"]:
+            r = b["after"] or b["before"]
+            rows.append("<tr><td>%s</td><td class=n>%d</td><td class=n>%d</td><td>%s</td><td>%s</td><td>%s</td></tr>" % (
+                text(b["change"]), b["inode"], r["size"], text(r["exporter"]),
+                text(owners_text(b["before"]["owners"])) if b["before"] else "",
+                text(owners_text(b["after"]["owners"])) if b["after"] else ""))
+        out.append('<table id="facts-buffers"><thead><tr><th>Change</th><th class=n>Inode</th><th class=n>Size</th>'
+                   '<th>Exporter</th><th>Holders before</th><th>Holders after</th></tr></thead><tbody>%s</tbody></table>'
+                   % "".join(rows))
+    else:
+        out.append("<p>No buffer changed.</p>")
+    rows = "".join("<tr><td>%s</td><td>%s</td><td class=n>%s</td><td class=n>%s</td><td class=n>%s</td></tr>" % (
+        text(x["report"]), text(x["name"]), kb(x["before"]), kb(x["after"]),
+        "unknown" if x["delta"] is None else "%+d KB" % x["delta"]) for x in f["figures"])
+    out.append('<table id="facts-figures"><thead><tr><th>Report</th><th>Figure</th><th class=n>Before</th>'
+               '<th class=n>After</th><th class=n>Change</th></tr></thead><tbody>%s</tbody></table>' % rows)
+    return "".join(out)
+
+
+def chart(ident, title, xs, lines):
+    """A timeline: lines is [(label, values)], values None where a capture could not say."""
+    w, h, left, bottom = MAP_WIDTH, 160, 70, 20
+    values = [v for _, vs in lines for v in vs if v is not None]
+    if not values or not xs:
+        return ""
+    lo, hi = min(0, min(values)), max(values)
+    hi = hi if hi > lo else lo + 1
+    x0, x1 = xs[0], xs[-1] if xs[-1] > xs[0] else xs[0] + 1
+
+    def px(x):
+        return left + (x - x0) * (w - left - 10) / (x1 - x0)
+
+    def py(v):
+        return 8 + (hi - v) * (h - bottom - 8) / (hi - lo)
+    out = ['<h4>%s</h4><svg id="%s" class="timeline" width="%d" height="%d" xmlns="http://www.w3.org/2000/svg">' % (
+        text(title), ident, w, h),
+           '<path d="M%d 8 V%d H%d" stroke="#999" fill="none"/>' % (left, h - bottom, w - 10),
+           '<text x="%d" y="14" font-size="11" text-anchor="end">%d KB</text>' % (left - 4, hi),
+           '<text x="%d" y="%d" font-size="11" text-anchor="end">%d KB</text>' % (left - 4, h - bottom, lo),
+           '<text x="%d" y="%d" font-size="11">0 s</text>' % (left, h - 4),
+           '<text x="%d" y="%d" font-size="11" text-anchor="end">%.0f s</text>' % (w - 10, h - 4, x1 - x0)]
+    legend = []
+    for i, (label, vs) in enumerate(lines):
+        d, pen = [], "M"
+        for x, v in zip(xs, vs):
+            if v is None:
+                pen = "M"
+                continue
+            d.append("%s%.1f %.1f" % (pen, px(x), py(v)))
+            pen = "L"
+        colour = PALETTE[i % len(PALETTE)]
+        out.append('<path d="%s" stroke="%s" stroke-width="1.5" fill="none"><title>%s</title></path>' % (
+            " ".join(d), colour, text(label)))
+        legend.append('<span style="color:%s">&#9632;</span> %s' % (colour, text(label)))
+    out.append("</svg>")
+    if len(lines) > 1:
+        out.append('<p class="legend">%s</p>' % " ".join(legend))
+    return "".join(out)
+
+
+def recording_sections(doc):
+    s, sus, caps = doc["series"], doc["suspects"], doc["captures"]
+    out = ["<h2>Suspects</h2>"]
+    if sus["buffers"]:
+        out.append('<ul id="suspects">%s</ul>' % "".join(
+            "<li>buffer %d%s, %d bytes, exporter %s, held by %s: unmapped in every capture since capture %d (%s)</li>" % (
+                b["inode"], " (%s)" % text(b["name"]) if b["name"] else "", b["size"], text(b["exporter"]),
+                text(owners_text(b["owners"])), b["since"]["index"] + 1, text(_when(caps[b["since"]["index"]]["time"])))
+            for b in sus["buffers"]))
+    else:
+        out.append('<p id="suspects">No buffer became unmapped and stayed so.</p>')
+    if sus["growth"]:
+        out.append('<table id="growth"><thead><tr><th>Grouped by</th><th>Key</th><th class=n>First KB</th>'
+                   '<th class=n>Last KB</th><th class=n>KB per minute</th></tr></thead><tbody>%s</tbody></table>' % "".join(
+                       "<tr><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+.1f</td></tr>" % (
+                           text(g["by"]), text(g["key"]), g["first_kb"], g["last_kb"], g["kb_per_minute"])
+                       for g in sus["growth"]))
+    else:
+        out.append("<p>No exporter, holder or buffer name holds more unmapped bytes at the end than at the start.</p>")
+    xs = s["elapsed_s"] or list(range(len(caps)))
+    out.append("<h2>Timelines</h2>")
+    if s["elapsed_s"] is None:
+        out.append('<p class="unsaid">The captures carry no time: drawn one step per capture.</p>')
+    out.append(chart("timeline-unmapped", "Unmapped DMA-BUF total", xs, [("total", s["unmapped_kb"])]))
+    out.append(chart("timeline-exporters", "Unmapped DMA-BUF per exporter", xs, sorted(s["by_exporter"].items())))
+    for i, (name, values) in enumerate(s["counters"].items()):
+        out.append(chart("timeline-counter-%d" % i, name, xs, [(name, values)]))
+    return "".join(out)
+
+
+def unsaid_overview(doc):
+    """For a recording: each thing the tool could not say, with the captures it concerns."""
+    seen = {}
+    for c in doc["captures"]:
+        for item in c["unsaid"]:
+            seen.setdefault(item["text"], []).append(c["file"])
+    if not seen:
+        return ""
+    rows = "".join("<li>%s <span class=note>(%s)</span></li>" % (
+        text(t), text(files[0] if len(files) == 1 else "%d captures, %s to %s" % (len(files), files[0], files[-1])))
+        for t, files in seen.items())
+    return '<h2>What the tool could not say</h2><ul class="unsaid">%s</ul>' % rows
+
+
+def render(doc):
+    caps = doc["captures"]
+    kind = doc["kind"]
+    title = {"capture": "Memory of one capture", "pair": "Memory before and after",
+             "recording": "Memory over a recording"}[kind]
+    h = ['<!DOCTYPE html><html lang="en"><head><meta charset="utf-8">'
+         '<meta name="viewport" content="width=device-width, initial-scale=1">'
+         '<title>%s: %s</title><style>%s</style></head><body>' % (title, text(caps[-1]["file"]), STYLE)]
+    h.append("<h1>%s</h1>" % title)
+    h.append("<p>%d capture%s%s.</p>" % (len(caps), "" if len(caps) == 1 else "s",
+                                        ", from %s to %s" % (text(caps[0]["file"]), text(caps[-1]["file"])) if len(caps) > 1 else ""))
+    if doc["left_out"]:
+        h.append('<ul class="unsaid" id="left-out">%s</ul>' % "".join(
+            "<li>%s left out: replay refused it (status %d): %s</li>" % (text(x["file"]), x["status"], text(x["reason"]))
+            for x in doc["left_out"]))
+    if kind == "pair":
+        f = doc["facts"]
+        after_marks, before_marks = {}, {}
+        for b in f["buffers"]:
+            if b["change"] == "no longer unmapped":
+                before_marks[b["inode"]] = ("gone", text(b["change"]))
+            else:
+                after_marks[b["inode"]] = ("changed", text(b["change"]))
+        h.append(facts_section(f))
+        h.append("<h2>Before</h2>" + capture_sections(caps[0], "before", before_marks))
+        h.append("<h2>After</h2>" + capture_sections(caps[1], "after", after_marks))
+    elif kind == "recording":
+        h.append(recording_sections(doc))
+        h.append(unsaid_overview(doc))
+        h.append("<h2>Last capture</h2>" + capture_sections(caps[-1], "last"))
+    else:
+        h.append("<h2>The capture</h2>" + capture_sections(caps[0], "0"))
+    h.append("<script>%s</script></body></html>\n" % SCRIPT)
+    return "".join(h)

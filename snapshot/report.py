@@ -1,0 +1,276 @@
+#!/usr/bin/python3
+"""Turns captures into one offline page (and/or a JSON document, and/or counter tracks).
+
+  report.py --binary BINARY [-o OUT.html] [--json OUT.json] [--trace OUT.json]
+            [--drop-unsafe] [--skip-refused] CAPTURE...
+
+One capture, two (before and after) or a recording (three or more, or a folder of
+capture-NNNN.tar.gz files, taken in time order). Every figure comes from the tool's own reports,
+replayed once per capture by replay.sh; the capture itself is read only for what no report
+prints: the memory table (the map's background), the bufinfo names and the capture-info times.
+The page and the JSON are made from the same document, so the JSON holds every figure the page
+shows.
+"""
+import argparse
+import json
+import os
+import re
+import sys
+import tempfile
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import bufinfo  # noqa: E402
+import capturefiles  # noqa: E402
+import facts  # noqa: E402
+import page  # noqa: E402
+import reporttext  # noqa: E402
+import series  # noqa: E402
+
+SCHEMA = 1
+# At most this many lines of a report's standard error are kept: they name files the tool
+# could not read, and a broken capture could make thousands.
+MESSAGE_LINES = 40
+INFO_VALUE_LIMIT = 256
+
+_RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
+
+
+class Refused(Exception):
+    def __init__(self, status, message):
+        super().__init__(message)
+        self.status = status
+        self.message = message
+
+
+def clean(text):
+    """Device text for the JSON: bytes that were not UTF-8 (kept by surrogateescape) become
+    the text \\xHH, so every consumer gets valid UTF-8 and still sees which byte it was."""
+    return re.sub("[\udc80-\udcff]", lambda m: "\\x%02x" % (ord(m.group()) - 0xdc00), text)
+
+
+def memory_ranges(data):
+    """The memory table (/d/memblock/memory) as [start, end) pairs, or None."""
+    if data is None:
+        return None
+    out = []
+    for line in data.decode("ascii", "replace").splitlines():
+        m = _RANGE.match(line)
+        if m:
+            start, last = int(m.group(1), 16), int(m.group(2), 16)
+            if last >= start:
+                out.append([start, last + 1])
+    return out or None
+
+
+def _clean_tree(value):
+    if isinstance(value, str):
+        return clean(value)
+    if isinstance(value, list):
+        return [_clean_tree(v) for v in value]
+    if isinstance(value, dict):
+        return {(clean(k) if isinstance(k, str) else k): _clean_tree(v) for k, v in value.items()}
+    return value
+
+
+def capture_entry(path, binary, drop_unsafe, memory_bytes):
+    """Replays one capture and parses its three reports; raises Refused."""
+    try:
+        runs = capturefiles.replay(path, binary, modes=("u", "n", "s"), drop_unsafe=drop_unsafe)
+    except capturefiles.ReplayError as e:
+        raise Refused(e.status, e.message)
+    info = {k: v[:INFO_VALUE_LIMIT] for k, v in capturefiles.read_info(path).items()}
+    table = capturefiles.read_member(path, "d/dma_buf/bufinfo")
+    names = bufinfo.parse(table)
+    u = reporttext.parse_unmapped(runs["u"].stdout)
+    for row in u["rows"]:
+        row["name"] = names["names"].get(row["inode"])
+    entry = {
+        "file": os.path.basename(path),
+        "info": info,
+        "time": series.capture_time(info),
+        "status": {m: runs[m].status for m in ("u", "n", "s")},
+        "messages": {m: runs[m].stderr.splitlines()[:MESSAGE_LINES] for m in ("u", "n", "s")},
+        "memory": memory_ranges(memory_bytes),
+        "reserved": reporttext.parse_reserved(runs["s"].stdout),
+        "kmem": reporttext.parse_kmem(runs["n"].stdout),
+        "unmapped": u,
+        "bufinfo": {"present": table is not None, "problems": names["problems"]},
+    }
+    entry["unsaid"] = unsaid(entry)
+    return entry
+
+
+def unsaid(entry):
+    """What the tool could not say on this capture, in words, per section."""
+    out = []
+    u = entry["unmapped"]
+    if u["state"] == "ion":
+        out.append({"section": "dmabuf", "text": "an ION device: buffers are not listed one by one"})
+    elif u["state"] == "no-sysfs":
+        out.append({"section": "dmabuf", "text": "no DMA-BUF sysfs statistics on this kernel"})
+    elif u["state"] == "none":
+        out.append({"section": "dmabuf", "text": "the unmapped DMA-BUF report printed nothing recognisable"})
+    n = entry["kmem"]["unmapped"]
+    if n is not None and n["kb"] is None:
+        out.append({"section": "kmem", "text": "%s unmapped: unknown%s" % (
+            n["source"], " (%s)" % n["reason"] if n["reason"] else "")})
+    if entry["reserved"]["summary"] is None:
+        out.append({"section": "reserved", "text": "no summary of reserved memory"})
+    if entry["memory"] is None:
+        out.append({"section": "reserved", "text": "no memory table in the capture: banks drawn without it"})
+    section = {"u": "dmabuf", "n": "kmem", "s": "reserved"}
+    for m in ("u", "n", "s"):
+        if entry["status"][m] != 0:
+            out.append({"section": section[m], "text": "the report ended with status %d" % entry["status"][m]})
+        for line in entry["messages"][m]:
+            out.append({"section": section[m], "text": line})
+    for p in entry["bufinfo"]["problems"]:
+        out.append({"section": "dmabuf", "text": "bufinfo: " + p})
+    return out
+
+
+def expand(paths):
+    """The captures named on the command line; a folder stands for its recording's captures.
+    Returns (files, is_recording)."""
+    files, recording = [], False
+    for p in paths:
+        if os.path.isdir(p):
+            recording = True
+            found = sorted(f for f in os.listdir(p)
+                           if re.fullmatch(r"capture-\d{4,}\.tar\.gz", f))
+            if not found:
+                raise Refused(2, "%s holds no capture-NNNN.tar.gz" % p)
+            files.extend(os.path.join(p, f) for f in found)
+        else:
+            files.append(p)
+    return files, recording or len(files) >= 3
+
+
+def same_device(files, tables):
+    """Captures of one recording must come from one device: their memory tables agree."""
+    first = None
+    for f, t in zip(files, tables):
+        if t is None:
+            continue
+        if first is None:
+            first = (f, t)
+        elif t != first[1]:
+            raise Refused(2, "%s and %s come from different devices (their memory tables differ); "
+                          "they cannot be one report" % (os.path.basename(first[0]), os.path.basename(f)))
+
+
+def build(files, recording, binary, drop_unsafe, skip_refused, warn):
+    tables = [capturefiles.read_member(f, "d/memblock/memory") for f in files]
+    if len(files) > 1:
+        same_device(files, tables)
+    captures, left_out = [], []
+    last_refusal = None
+    for f, t in zip(files, tables):
+        try:
+            captures.append(capture_entry(f, binary, drop_unsafe, t))
+        except Refused as e:
+            last_refusal = e
+            reason = reporttext.shown(e.message)
+            if not skip_refused:
+                raise Refused(e.status, "%s: refused: %s" % (os.path.basename(f), reason))
+            warn("report: leaving out %s (status %d): %s" % (os.path.basename(f), e.status, reason))
+            left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
+    if not captures:
+        raise Refused(last_refusal.status if last_refusal else 2, "no capture could be replayed")
+    if recording:
+        order = series.time_order([(c["file"], c["time"]) for c in captures])
+        captures = [captures[i] for i in order]
+    doc = {"schema": SCHEMA, "kind": "capture", "captures": captures, "left_out": left_out}
+    if recording and len(captures) >= 2:
+        doc["kind"] = "recording"
+        doc["series"] = series.build(captures)
+        doc["suspects"] = series.suspects(captures, doc["series"])
+    elif len(captures) == 2:
+        doc["kind"] = "pair"
+        sides = [{"u": c["unmapped"], "n": c["kmem"], "s": c["reserved"], "status": c["status"]}
+                 for c in captures]
+        doc["facts"] = facts.compare(sides[0], sides[1])
+    return _clean_tree(doc)
+
+
+def write_all(outputs):
+    """Writes every (path, text) beside its final name first, then renames them all, so an
+    existing file is only ever replaced by a complete one."""
+    temps = []
+    try:
+        for path, text in outputs:
+            folder = os.path.dirname(os.path.abspath(path))
+            fd, temp = tempfile.mkstemp(dir=folder, prefix="." + os.path.basename(path) + ".")
+            temps.append(temp)
+            with os.fdopen(fd, "w", encoding="utf-8") as out:
+                out.write(text)
+                out.flush()
+                os.fsync(out.fileno())
+        for (path, _), temp in zip(outputs, temps):
+            os.replace(temp, path)
+            temps[temps.index(temp)] = None
+    finally:
+        for temp in temps:
+            if temp:
+                try:
+                    os.unlink(temp)
+                except OSError:
+                    pass
+
+
+def main(argv):
+    ap = argparse.ArgumentParser(
+        prog="report.py",
+        usage="report.py --binary BINARY [-o OUT.html] [--json OUT.json] [--trace OUT.json] "
+              "[--drop-unsafe] [--skip-refused] CAPTURE...",
+        description="One offline page (and/or JSON) from one capture, two (before, after) or a "
+                    "recording (a folder of captures, or three or more).")
+    ap.add_argument("--binary", required=True, help="the quarrystat binary to replay with")
+    ap.add_argument("-o", dest="html", help="write the page here")
+    ap.add_argument("--json", help="write every figure of the page as JSON here")
+    ap.add_argument("--trace", help="a recording's series as trace counter tracks, here")
+    ap.add_argument("--drop-unsafe", action="store_true",
+                    help="replay captures holding unsafe entries without them")
+    ap.add_argument("--skip-refused", action="store_true",
+                    help="leave out a capture replay refuses instead of failing")
+    ap.add_argument("captures", nargs="*", metavar="CAPTURE")
+    args = ap.parse_args(argv)
+    if not args.captures:
+        ap.print_usage(sys.stderr)
+        return 2
+    if not (args.html or args.json or args.trace):
+        ap.print_usage(sys.stderr)
+        print("report.py: nothing to write: give -o, --json or --trace", file=sys.stderr)
+        return 2
+    warn = lambda text: print(text, file=sys.stderr)  # noqa: E731
+    try:
+        files, recording = expand(args.captures)
+        for f in files:
+            if not os.path.isfile(f):
+                raise Refused(2, "no such capture: %s" % f)
+        doc = build(files, recording, args.binary, args.drop_unsafe, args.skip_refused, warn)
+        if args.trace and doc["kind"] != "recording":
+            raise Refused(2, "--trace needs a recording (a folder, or three captures or more)")
+        outputs = []
+        if args.html:
+            outputs.append((args.html, page.render(doc)))
+        if args.json:
+            outputs.append((args.json, json.dumps(doc, indent=1, sort_keys=False) + "\n"))
+        if args.trace:
+            try:
+                outputs.append((args.trace, json.dumps(series.trace(doc["captures"], doc["series"])) + "\n"))
+            except ValueError as e:
+                raise Refused(2, "cannot write the trace: %s" % e)
+    except Refused as e:
+        print("report.py: " + reporttext.shown(e.message), file=sys.stderr)
+        return e.status
+    try:
+        write_all(outputs)
+    except OSError as e:
+        print("report.py: cannot write: %s" % reporttext.shown(str(e)), file=sys.stderr)
+        return 2
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
