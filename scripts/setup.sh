@@ -7,8 +7,18 @@
 #   setup.sh valgrind also valgrind and the C library's symbols it needs
 #   setup.sh lab      also what the device lab needs to build and boot its kernel
 #   setup.sh coverage also gcovr, for scripts/coverage.sh
+#   setup.sh browser  also chromium and node, then the browser test's pinned packages
+#                     (tests/browser, npm ci from its lock file)
 # As root it installs with apt-get; otherwise it names the missing packages and fails.
 set -euo pipefail
+
+browser=0
+# The browser test's packages are installed exactly as locked, and only when they are not yet.
+browser_modules() {
+  [ "$browser" = 1 ] || return 0
+  cd "$(dirname "$0")/../tests/browser"
+  npm ls --depth=0 >/dev/null 2>&1 || timeout 600 npm ci --no-audit --no-fund --ignore-scripts
+}
 
 want=(cmake g++ make tar libgtest-dev zlib1g-dev python3 mksh busybox-static file mandoc)
 for extra in "$@"; do
@@ -20,6 +30,9 @@ for extra in "$@"; do
                 device-tree-compiler qemu-system-arm cpio gcc-aarch64-linux-gnu
                 binutils-aarch64-linux-gnu file) ;;
     coverage) want+=(gcovr) ;;
+    browser) want+=(chromium); browser=1
+      command -v node >/dev/null || want+=(nodejs)
+      command -v npm >/dev/null || want+=(npm) ;;
     *) echo "setup.sh: unknown extra: $extra" >&2; exit 2 ;;
   esac
 done
@@ -28,7 +41,7 @@ missing=()
 for pkg in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || missing+=("$pkg")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+[ ${#missing[@]} -eq 0 ] && { browser_modules; exit 0; }
 
 if [ "$(id -u)" -ne 0 ]; then
   echo "setup.sh: missing packages: ${missing[*]} (run as root, or install them)" >&2
@@ -41,3 +54,4 @@ case " ${missing[*]} " in
 esac
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
+browser_modules
