@@ -140,5 +140,36 @@ class Facts(unittest.TestCase):
                       compare.fact_lines(facts.compare(before, after)))
 
 
+class Header(unittest.TestCase):
+    INFO = {"format": "1", "model": "Pixel\x1b[2J", "fingerprint": "fp/1", "kernel_release": "6.1.0",
+            "kernel_version": "#1 SMP", "boot_id": "b1", "uptime_start": "100.5",
+            "wall_start": "1764000000"}
+
+    def header(self, after):
+        import contextlib
+        import io
+        err = io.StringIO()
+        with contextlib.redirect_stderr(err):
+            lines = compare.header(("b.tar.gz", "a.tar.gz"), (self.INFO, after))
+        return lines, err.getvalue()
+
+    def test_one_device_one_boot(self):
+        lines, err = self.header(dict(self.INFO, uptime_start="160.5", wall_start="1764000060"))
+        self.assertEqual(lines, [
+            "compare: before b.tar.gz, after a.tar.gz",
+            "compare: before: Pixel\\x1b[2J (fp/1), kernel 6.1.0, 2025-11-24 16:00:00 UTC, uptime 100.5 s",
+            "compare: after: Pixel\\x1b[2J (fp/1), kernel 6.1.0, 2025-11-24 16:01:00 UTC, uptime 160.5 s"])
+        self.assertEqual(err, "")
+
+    def test_other_device_kernel_and_boot(self):
+        lines, err = self.header(dict(self.INFO, model="Other", kernel_version="#2", boot_id="b2"))
+        self.assertIn("the device rebooted between the captures", lines[-1])
+        self.assertIn("compare: warning: the captures come from different devices", err)
+        self.assertIn("compare: warning: the captures come from different kernels", err)
+
+    def test_captures_without_metadata_keep_the_old_header(self):
+        self.assertEqual(compare.header(("b", "a"), ({}, {})), ["compare: before b, after a"])
+
+
 if __name__ == "__main__":
     unittest.main()
