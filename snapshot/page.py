@@ -71,7 +71,9 @@ def text(value):
 
 
 def kb(value):
-    return "unknown" if value is None else "%d KB" % value
+    if isinstance(value, int):
+        return "%d KB" % value
+    return text(value) if value is not None else "not printed"
 
 
 def _num(v):
@@ -309,6 +311,7 @@ def capture_sections(capture, ident, marks=None):
     h.append('<p class="note">%s: model %s, kernel %s, %s</p>' % (
         text(capture["file"]), text(info.get("model") or "not recorded"),
         text(info.get("kernel_release") or "not recorded"), text(_when(capture["time"]))))
+    h.append(unsaid_list(capture["unsaid"], "capture"))
     h.append("<h3>Physical memory map (reserved memory)</h3>")
     h.append(memory_map(capture))
     h.append(equations(capture["reserved"]["summary"]))
@@ -343,7 +346,7 @@ def facts_section(f):
         out.append("<p>No buffer changed.</p>")
     rows = "".join("<tr><td>%s</td><td>%s</td><td class=n>%s</td><td class=n>%s</td><td class=n>%s</td></tr>" % (
         text(x["report"]), text(x["name"]), kb(x["before"]), kb(x["after"]),
-        "unknown" if x["delta"] is None else "%+d KB" % x["delta"]) for x in f["figures"])
+        "%+d KB" % x["delta"] if isinstance(x["delta"], int) else "unknown") for x in f["figures"])
     out.append('<table id="facts-figures"><thead><tr><th>Report</th><th>Figure</th><th class=n>Before</th>'
                '<th class=n>After</th><th class=n>Change</th></tr></thead><tbody>%s</tbody></table>' % rows)
     return "".join(out)

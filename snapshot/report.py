@@ -75,7 +75,7 @@ def _clean_tree(value):
 def capture_entry(path, binary, drop_unsafe, memory_bytes):
     """Replays one capture and parses its three reports; raises Refused."""
     try:
-        runs = capturefiles.replay(path, binary, modes=("u", "n", "s"), drop_unsafe=drop_unsafe)
+        runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, e.message)
     info = {k: v[:INFO_VALUE_LIMIT] for k, v in capturefiles.read_info(path).items()}
@@ -89,7 +89,7 @@ def capture_entry(path, binary, drop_unsafe, memory_bytes):
         "info": info,
         "time": series.capture_time(info),
         "status": {m: runs[m].status for m in ("u", "n", "s")},
-        "messages": {m: runs[m].stderr.splitlines()[:MESSAGE_LINES] for m in ("u", "n", "s")},
+        "messages": {m: runs[m].stderr.splitlines()[:MESSAGE_LINES] for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(memory_bytes),
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
@@ -118,6 +118,8 @@ def unsaid(entry):
         out.append({"section": "reserved", "text": "no summary of reserved memory"})
     if entry["memory"] is None:
         out.append({"section": "reserved", "text": "no memory table in the capture: banks drawn without it"})
+    for line in entry["messages"]["replay"]:
+        out.append({"section": "capture", "text": line})
     section = {"u": "dmabuf", "n": "kmem", "s": "reserved"}
     for m in ("u", "n", "s"):
         if entry["status"][m] != 0:
@@ -160,6 +162,11 @@ def same_device(files, tables):
 
 
 def build(files, recording, binary, drop_unsafe, skip_refused, warn):
+    # A binary that cannot run would make every capture look refused.
+    try:
+        capturefiles.check_binary(binary)
+    except capturefiles.ReplayError as e:
+        raise Refused(e.status, e.message.strip())
     tables = [capturefiles.read_member(f, "d/memblock/memory") for f in files]
     if len(files) > 1:
         same_device(files, tables)
@@ -202,6 +209,10 @@ def write_all(outputs):
             folder = os.path.dirname(os.path.abspath(path))
             fd, temp = tempfile.mkstemp(dir=folder, prefix="." + os.path.basename(path) + ".")
             temps.append(temp)
+            # mkstemp makes the file private; the page is meant to be shared like any file.
+            mask = os.umask(0)
+            os.umask(mask)
+            os.fchmod(fd, 0o666 & ~mask)
             with os.fdopen(fd, "w", encoding="utf-8") as out:
                 out.write(text)
                 out.flush()
