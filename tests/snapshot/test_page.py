@@ -1,0 +1,136 @@
+"""report.py end to end on small captures (the built tool replays them), and the page's
+drawing of what the tool could not say or did not add up."""
+import html
+import io
+import json
+import os
+import re
+import subprocess
+import sys
+import tarfile
+import tempfile
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import page_captures as pc  # noqa: E402
+import page  # noqa: E402
+
+REPORT = os.path.join(pc.TOP, "snapshot", "report.py")
+PAIR = os.path.join(pc.TOP, "tests", "data", "pair")
+
+
+def report(*args):
+    p = subprocess.run(["/usr/bin/python3", REPORT, "--binary", pc.binary()] + list(args),
+                       capture_output=True, text=True, timeout=600)
+    return p.returncode, p.stderr
+
+
+class Page(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.TemporaryDirectory()
+        self.work = self.dir.name
+        self.addCleanup(self.dir.cleanup)
+
+    def path(self, name):
+        return os.path.join(self.work, name)
+
+    def test_one_capture_self_contained_with_device_text_as_text(self):
+        files = pc.sample_files()
+        files["proc/68/comm"] = b"<script>alert(1)</script>\n"
+        files["proc/69/comm"] = b'"><img src=x onerror=alert(2)>\x07\n'
+        files["d/dma_buf/bufinfo"] = pc.bufinfo_table([(131072, "udmabuf", 5, "G:<b>screenshot</b>")])
+        cap = pc.write_capture(self.path("c.tar.gz"), files, pc.info(8123.45))
+        status, err = report("-o", self.path("p.html"), "--json", self.path("p.json"), cap)
+        self.assertEqual(status, 0, err)
+        with open(self.path("p.html"), encoding="utf-8") as f:
+            doc = f.read()
+        # Nothing outside the file: no URL, no external script, style sheet or font.
+        self.assertNotRegex(doc, r"(?i)<[^>]*\s(src|href)\s*=|<link|@import|url\(")
+        self.assertEqual(len(re.findall(r"<script", doc)), 1)
+        self.assertIn("&lt;script&gt;alert(1)&lt;/script&gt;", doc)
+        self.assertIn("&quot;&gt;&lt;img src=x onerror=alert(2)&gt;\\x07", doc)
+        self.assertNotIn("<img", doc)
+        self.assertIn("G:&lt;b&gt;screenshot&lt;/b&gt;", doc)
+        # Map rectangles to scale within a bank: width per KB is the same for every region.
+        widths = {html.unescape(n): float(w) for n, w in re.findall(r'data-region="([^"]*)" x="[^"]*" y="\d+" width="([^"]*)"', doc)}
+        self.assertAlmostEqual(widths["modem_region"] / 106496, widths["linux,cma"] / 65536, places=6)
+        with open(self.path("p.json"), encoding="utf-8") as f:
+            data = json.load(f)
+        self.assertEqual((data["schema"], data["kind"]), (1, "capture"))
+        c = data["captures"][0]
+        self.assertEqual(c["time"]["uptime"], 8123.45)
+        self.assertEqual([r["name"] for r in c["unmapped"]["rows"] if r["inode"] == 5], ["G:<b>screenshot</b>"])
+        self.assertTrue(any(r["name"] == "modem_region" for r in c["reserved"]["regions"]))
+
+    def test_pair_highlights_the_changed_rows(self):
+        status, err = report("-o", self.path("p.html"), os.path.join(PAIR, "before.tar.gz"), os.path.join(PAIR, "after.tar.gz"))
+        self.assertEqual(status, 0, err)
+        with open(self.path("p.html"), encoding="utf-8") as f:
+            doc = f.read()
+        marked = dict((int(i), c) for c, i in re.findall(r'<tr class="(\w+)" title="[^"]*"><td class=n>(\d+)<', doc))
+        self.assertEqual(marked, {8: "gone", 9: "changed", 10: "changed", 11: "changed"})
+        self.assertIn('id="facts-buffers"', doc)
+
+    def test_recording_json_and_trace(self):
+        rec = self.path("rec")
+        pc.recording(rec)
+        status, err = report("--json", self.path("r.json"), "--trace", self.path("t.json"), rec)
+        self.assertEqual(status, 0, err)
+        with open(self.path("r.json"), encoding="utf-8") as f:
+            data = json.load(f)
+        self.assertEqual(data["kind"], "recording")
+        self.assertEqual([c["file"] for c in data["captures"]], ["capture-%04d.tar.gz" % i for i in range(1, 6)])
+        self.assertEqual([(b["inode"], b["exporter"], b["name"], b["since"]) for b in data["suspects"]["buffers"]],
+                         [(6, "system", "G:screenshot", {"index": 2, "uptime": 1120.0})])
+        growth = {(g["by"], g["key"]): g["kb_per_minute"] for g in data["suspects"]["growth"]}
+        self.assertEqual(growth[("exporter", "leaky")], 64.0)
+        with open(self.path("t.json"), encoding="utf-8") as f:
+            events = json.load(f)["traceEvents"]
+        total = [(e["ts"], e["args"]["KB"]) for e in events if e["name"] == "unmapped DMA-BUF total"]
+        self.assertEqual(total, list(zip([1000000000 + 60000000 * i for i in range(5)], data["series"]["unmapped_kb"])))
+
+    def test_bad_input_writes_nothing(self):
+        p = subprocess.run(["/usr/bin/python3", REPORT, "--binary", "x", "-o", self.path("p.html")],
+                           capture_output=True, text=True, timeout=60)
+        self.assertEqual(p.returncode, 2)
+        self.assertIn("usage:", p.stderr)
+        good = pc.write_capture(self.path("good.tar.gz"), pc.sample_files(), pc.info(10))
+        with tarfile.open(good) as tin, tarfile.open(self.path("bad.tar.gz"), "w:gz") as tout:
+            for m in tin:
+                tout.addfile(m, tin.extractfile(m) if m.isreg() else None)
+            fifo = tarfile.TarInfo("./proc/meminfo2")
+            fifo.type = tarfile.FIFOTYPE
+            tout.addfile(fifo)
+        with open(self.path("p.html"), "w") as f:
+            f.write("old page")
+        status, err = report("-o", self.path("p.html"), good, self.path("bad.tar.gz"), good)
+        self.assertEqual(status, 3)
+        self.assertIn("bad.tar.gz: refused", err)
+        with open(self.path("p.html")) as f:
+            self.assertEqual(f.read(), "old page")
+        self.assertEqual(sorted(os.listdir(self.work)), ["bad.tar.gz", "good.tar.gz", "p.html"])
+        status, err = report("--json", self.path("p.json"), "--skip-refused", good, self.path("bad.tar.gz"))
+        self.assertEqual(status, 0, err)
+        with open(self.path("p.json")) as f:
+            self.assertEqual([x["file"] for x in json.load(f)["left_out"]], ["bad.tar.gz"])
+        other = pc.sample_files()
+        other["d/memblock/memory"] = b"   0: 0x0000000080000000..0x00000000bfffffff\n"
+        pc.write_capture(self.path("other.tar.gz"), other, pc.info(20))
+        status, err = report("-o", self.path("p.html"), good, self.path("other.tar.gz"))
+        self.assertEqual(status, 2)
+        self.assertIn("good.tar.gz and other.tar.gz come from different devices", err)
+
+
+class Drawing(unittest.TestCase):
+    def test_unknown_figures_and_sums_that_differ_are_said(self):
+        bar = page.kmem_bar({"counters": [{"name": "Shmem", "kb": 10}], "total_kb": 10,
+                             "unmapped": {"source": "DMA-BUF", "kb": None, "reason": "no <sysfs>"}})
+        self.assertIn("unknown (no &lt;sysfs&gt;)", bar)
+        self.assertNotRegex(bar, r"DMA-BUF unmapped</td><td class=n>0")
+        eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
+                             "mb_reserved": 210144, "cma_total": 81920})
+        self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)
+
+
+if __name__ == "__main__":
+    unittest.main()
