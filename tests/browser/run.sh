@@ -12,7 +12,7 @@ here=$top/tests/browser
 command -v "${CHROMIUM:-chromium}" >/dev/null || { echo "run.sh: no chromium: run scripts/setup.sh browser; skipped" >&2; exit 77; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-shot=${2:-$work/report.png}
+shot=$(realpath -m "${2:-$work/report.png}")
 TOP=$top /usr/bin/python3 - "$work" <<'PY'
 import os, sys
 sys.path.insert(0, os.path.join(os.environ.get("TOP", "."), "tests", "snapshot"))
