@@ -16,6 +16,7 @@ import json
 import os
 import re
 import sys
+import tarfile
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -45,7 +46,37 @@ class Refused(Exception):
 def clean(text):
     """Device text for the JSON: bytes that were not UTF-8 (kept by surrogateescape) become
     the text \\xHH, so every consumer gets valid UTF-8 and still sees which byte it was."""
+    if text.isascii():
+        return text
     return re.sub("[\udc80-\udcff]", lambda m: "\\x%02x" % (ord(m.group()) - 0xdc00), text)
+
+
+# The members a page reads from a capture besides its reports.
+MEMORY = "d/memblock/memory"
+BUFINFO = "d/dma_buf/bufinfo"
+MEMBER_LIMIT = 16 << 20
+
+
+def read_members(capture):
+    """The memory table, the bufinfo table and the capture-info of a capture, in ONE pass over
+    the archive: {name: bytes or None}. Same rules as capturefiles.read_member (regular files
+    only, at most MEMBER_LIMIT bytes, a later member of the same name wins), but a phone's
+    capture holds tens of thousands of members and each pass over them costs seconds."""
+    want = {MEMORY: MEMBER_LIMIT, BUFINFO: MEMBER_LIMIT,
+            capturefiles.INFO_MEMBER: capturefiles.INFO_LIMIT}
+    found = dict.fromkeys(want)
+    try:
+        with tarfile.open(capture, "r|*") as tar:
+            for m in tar:
+                name = capturefiles._normal(m.name)
+                if name not in want:
+                    continue
+                found[name] = None
+                if m.isreg() and m.size <= want[name]:
+                    found[name] = tar.extractfile(m).read(want[name] + 1)
+    except (tarfile.TarError, OSError, EOFError):
+        return dict.fromkeys(want)
+    return found
 
 
 def memory_ranges(data):
@@ -72,14 +103,16 @@ def _clean_tree(value):
     return value
 
 
-def capture_entry(path, binary, drop_unsafe, memory_bytes):
+def capture_entry(path, binary, drop_unsafe, members):
     """Replays one capture and parses its three reports; raises Refused."""
     try:
         runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, e.message)
-    info = {k: v[:INFO_VALUE_LIMIT] for k, v in capturefiles.read_info(path).items()}
-    table = capturefiles.read_member(path, "d/dma_buf/bufinfo")
+    raw_info = members[capturefiles.INFO_MEMBER]
+    info = {k: v[:INFO_VALUE_LIMIT] for k, v in
+            (capturefiles.parse_info(raw_info) if raw_info is not None else {}).items()}
+    table = members[BUFINFO]
     names = bufinfo.parse(table)
     u = reporttext.parse_unmapped(runs["u"].stdout)
     for row in u["rows"]:
@@ -90,7 +123,7 @@ def capture_entry(path, binary, drop_unsafe, memory_bytes):
         "time": series.capture_time(info),
         "status": {m: runs[m].status for m in ("u", "n", "s")},
         "messages": {m: runs[m].stderr.splitlines()[:MESSAGE_LINES] for m in ("u", "n", "s", "replay")},
-        "memory": memory_ranges(memory_bytes),
+        "memory": memory_ranges(members[MEMORY]),
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
         "unmapped": u,
@@ -167,14 +200,14 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         capturefiles.check_binary(binary)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, e.message.strip())
-    tables = [capturefiles.read_member(f, "d/memblock/memory") for f in files]
+    members = [read_members(f) for f in files]
     if len(files) > 1:
-        same_device(files, tables)
+        same_device(files, [m[MEMORY] for m in members])
     captures, left_out = [], []
     last_refusal = None
-    for f, t in zip(files, tables):
+    for f, m in zip(files, members):
         try:
-            captures.append(capture_entry(f, binary, drop_unsafe, t))
+            captures.append(capture_entry(f, binary, drop_unsafe, m))
         except Refused as e:
             last_refusal = e
             reason = reporttext.shown(e.message)
@@ -266,10 +299,11 @@ def main(argv):
         if args.html:
             outputs.append((args.html, page.render(doc)))
         if args.json:
-            outputs.append((args.json, json.dumps(doc, indent=1, sort_keys=False) + "\n"))
+            outputs.append((args.json, json.dumps(doc, separators=(",", ":")) + "\n"))
         if args.trace:
             try:
-                outputs.append((args.trace, json.dumps(series.trace(doc["captures"], doc["series"])) + "\n"))
+                outputs.append((args.trace, json.dumps(series.trace(doc["captures"], doc["series"]),
+                                                          separators=(",", ":")) + "\n"))
             except ValueError as e:
                 raise Refused(2, "cannot write the trace: %s" % e)
     except Refused as e:
