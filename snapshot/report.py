@@ -79,6 +79,19 @@ def read_members(capture):
     return found
 
 
+def lines_shown(text):
+    """A multi-line message for a terminal: each line escaped, continuation lines indented."""
+    return "\n  ".join(reporttext.shown(line) for line in text.strip().splitlines()) or "(no message)"
+
+
+def unhosted(text, capture):
+    """Replay's messages name the capture by its path on this host; the page may be attached to
+    a bug, so it names the capture by its file name only."""
+    for p in sorted({capture, os.path.abspath(capture), os.path.realpath(capture)}, key=len, reverse=True):
+        text = text.replace(p, os.path.basename(capture))
+    return text
+
+
 def memory_ranges(data):
     """The memory table (/d/memblock/memory) as [start, end) pairs, or None."""
     if data is None:
@@ -108,7 +121,7 @@ def capture_entry(path, binary, drop_unsafe, members):
     try:
         runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
     except capturefiles.ReplayError as e:
-        raise Refused(e.status, e.message)
+        raise Refused(e.status, unhosted(e.message, path))
     raw_info = members[capturefiles.INFO_MEMBER]
     info = {k: v[:INFO_VALUE_LIMIT] for k, v in
             (capturefiles.parse_info(raw_info) if raw_info is not None else {}).items()}
@@ -122,7 +135,8 @@ def capture_entry(path, binary, drop_unsafe, members):
         "info": info,
         "time": series.capture_time(info),
         "status": {m: runs[m].status for m in ("u", "n", "s")},
-        "messages": {m: runs[m].stderr.splitlines()[:MESSAGE_LINES] for m in ("u", "n", "s", "replay")},
+        "messages": {m: unhosted(runs[m].stderr, path).splitlines()[:MESSAGE_LINES]
+                     for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(members[MEMORY]),
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
@@ -210,7 +224,7 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
             captures.append(capture_entry(f, binary, drop_unsafe, m))
         except Refused as e:
             last_refusal = e
-            reason = reporttext.shown(e.message)
+            reason = lines_shown(e.message)
             if not skip_refused:
                 raise Refused(e.status, "%s: refused: %s" % (os.path.basename(f), reason))
             warn("report: leaving out %s (status %d): %s" % (os.path.basename(f), e.status, reason))
@@ -307,7 +321,7 @@ def main(argv):
             except ValueError as e:
                 raise Refused(2, "cannot write the trace: %s" % e)
     except Refused as e:
-        print("report.py: " + reporttext.shown(e.message), file=sys.stderr)
+        print("report.py: " + lines_shown(e.message), file=sys.stderr)
         return e.status
     try:
         write_all(outputs)

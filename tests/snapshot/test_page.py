@@ -112,7 +112,9 @@ class Page(unittest.TestCase):
         status, err = report("--json", self.path("p.json"), "--skip-refused", good, self.path("bad.tar.gz"))
         self.assertEqual(status, 0, err)
         with open(self.path("p.json")) as f:
-            self.assertEqual([x["file"] for x in json.load(f)["left_out"]], ["bad.tar.gz"])
+            left = json.load(f)["left_out"]
+        self.assertEqual([x["file"] for x in left], ["bad.tar.gz"])
+        self.assertNotIn(self.work, left[0]["reason"])  # no host path on a page meant for a bug
         other = pc.sample_files()
         other["d/memblock/memory"] = b"   0: 0x0000000080000000..0x00000000bfffffff\n"
         pc.write_capture(self.path("other.tar.gz"), other, pc.info(20))
