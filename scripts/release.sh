@@ -15,8 +15,8 @@ version=$(sed -n 's/^project(quarrystat VERSION \([0-9][0-9.]*\) .*/\1/p' CMakeL
 [ -n "$version" ] || { echo "release.sh: no project version in CMakeLists.txt" >&2; exit 1; }
 epoch=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
 scripts/setup.sh cross
-scripts/build.sh default >/dev/null
-scripts/build.sh aarch64 >/dev/null
+scripts/build.sh --brief default
+scripts/build.sh --brief aarch64
 mkdir -p dist
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
