@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Packs the host-side scripts, the ones that replay and compare captures on a Linux machine,
+# into OUTDIR/quarrystat-VERSION-host-scripts.tar.gz:
+#   host-archive.sh VERSION EPOCH OUTDIR
+# Every snapshot/*.sh and snapshot/*.py of this tree goes in (capture.sh too, for a host that
+# lacks the device archive) with scripts/run-in-tree.sh, at the same paths as in the sources,
+# since replay.sh finds run-in-tree.sh at ../scripts/ from its own folder; beside them a README,
+# VERSION and SHA256SUMS. Names sorted, owner root, every time EPOCH: the same tree gives the
+# same bytes. Prints the archive's path.
+set -euo pipefail
+[ $# = 3 ] || { echo "usage: $0 VERSION EPOCH OUTDIR" >&2; exit 2; }
+version=$1 epoch=$2 out=$3
+cd "$(dirname "$0")/.."
+name=quarrystat-$version-host-scripts
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
+dir=$stage/$name
+mkdir -p "$dir/snapshot" "$dir/scripts" "$out"
+files=()
+for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh; do
+  [ -f "$f" ] || continue
+  case $f in */test_*) continue ;; esac
+  cp "$f" "$dir/$f"
+  case $f in *.sh) chmod 755 "$dir/$f" ;; *) chmod 644 "$dir/$f" ;; esac
+  files+=("$f")
+done
+[ -f "$dir/snapshot/replay.sh" ] || { echo "$0: no snapshot/replay.sh to pack" >&2; exit 1; }
+sed "s/@VERSION@/$version/" release/README.host >"$dir/README"
+echo "$version" >"$dir/VERSION"
+chmod 644 "$dir/README" "$dir/VERSION"
+(cd "$dir" && sha256sum README VERSION "${files[@]}" >SHA256SUMS)
+tar --sort=name --owner=0 --group=0 --numeric-owner --mtime="@$epoch" -C "$stage" -cf - "$name" |
+  gzip -n -9 >"$out/$name.tar.gz"
+echo "$out/$name.tar.gz"
