@@ -25,7 +25,23 @@ for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh; do
   files+=("$f")
 done
 [ -f "$dir/snapshot/replay.sh" ] || { echo "$0: no snapshot/replay.sh to pack" >&2; exit 1; }
-sed "s/@VERSION@/$version/" release/README.host >"$dir/README"
+# One line per packed file for the README: where it runs and what it is for.
+where() {
+  case $1 in
+    snapshot/capture.sh) echo "device: copies the files quarrystat reads into one archive" ;;
+    snapshot/record.sh) echo "device: a capture at intervals, into a folder" ;;
+    snapshot/replay.sh) echo "host: runs a report of the binary on a capture" ;;
+    snapshot/compare.sh) echo "host: what changed between two captures" ;;
+    snapshot/report.py) echo "host: a page of a capture or a recording" ;;
+    scripts/run-in-tree.sh) echo "host: used by replay.sh, runs the binary in a private tree" ;;
+    *.py) echo "host: a module of the scripts above" ;;
+    *) echo "host: used by the scripts above" ;;
+  esac
+}
+listing=$(for f in "${files[@]}"; do printf '    %-24s %s\n' "$f" "$(where "$f")"; done)
+while IFS= read -r line; do
+  if [ "$line" = @FILES@ ]; then printf '%s\n' "$listing"; else printf '%s\n' "${line//@VERSION@/$version}"; fi
+done <release/README.host >"$dir/README"
 echo "$version" >"$dir/VERSION"
 chmod 644 "$dir/README" "$dir/VERSION"
 (cd "$dir" && sha256sum README VERSION "${files[@]}" >SHA256SUMS)

@@ -4,7 +4,8 @@
 #   demo.sh [TREE | CAPTURE.tar.gz]
 # TREE is a directory laid out like a device's /proc, /d and /sys; CAPTURE is an archive made by
 # snapshot/capture.sh, replayed through snapshot/replay.sh (which checks it first).
-# With QUARRY_BINARY set, that binary runs the reports and nothing is set up or built.
+# With QUARRY_BINARY set, that binary runs the reports and nothing is set up or built. Each
+# report is stopped after QUARRY_REPLAY_SECONDS (default 120), on a tree as on a capture.
 set -euo pipefail
 usage="usage: $0 [TREE | CAPTURE.tar.gz]"
 [ $# -le 1 ] || { echo "$usage" >&2; exit 2; }
@@ -42,12 +43,16 @@ run() {
   if [ $kind = capture ]; then
     snapshot/replay.sh "$source" "$binary" "$@" || status=$?
   else
-    scripts/run-in-tree.sh "$source" "$binary" "$@" || status=$?
+    # A tree may hold a FIFO where the tool reads a file; replay.sh bounds its own runs.
+    timeout -k 5 "${QUARRY_REPLAY_SECONDS:-120}" scripts/run-in-tree.sh "$source" "$binary" "$@" || status=$?
   fi
   case $status in
     0) ;;
     1 | 239 | 244 | 251 | 255) printf '[exit status %d]\n' $status ;;
-    *) echo "demo: stopped, the reports cannot run on $source (status $status)" >&2; exit $status ;;
+    124) [ $kind = capture ] ||  # replay.sh has said so
+           echo "demo: quarrystat $* did not finish within ${QUARRY_REPLAY_SECONDS:-120} s on $source; stopped" >&2
+         exit $status ;;
+    *) echo "demo: stopped at quarrystat $* (status $status), the reason is above" >&2; exit $status ;;
   esac
 }
 run -s

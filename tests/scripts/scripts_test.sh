@@ -2,7 +2,7 @@
 # Tests of the scripts a new user runs first (scripts/demo.sh, scripts/build.sh) and of the host
 # scripts' release archive.
 #   scripts_test.sh BINARY CASE
-# Cases: demo-missing, demo-capture, build-progress, host-archive.
+# Cases: demo-missing, demo-stops, demo-capture, build-progress, host-archive.
 set -uo pipefail
 top=$(cd "$(dirname "$0")/../.." && pwd)
 binary=$(realpath "$1")
@@ -27,6 +27,8 @@ demo-missing)
   [ "$(cat "$work/err")" = "demo: no such snapshot directory or capture: $work/nonexistent" ] ||
     fail "standard error: $(cat "$work/err")"
   [ -s "$work/out" ] && fail "printed reports: $(head -3 "$work/out")"
+  ;;
+demo-stops)
   # A capture that cannot be replayed stops the demo at its first report, with replay's status.
   echo "not gzip" >"$work/bad.tar.gz"
   QUARRY_BINARY=$binary scripts/demo.sh "$work/bad.tar.gz" >"$work/out" 2>"$work/err"
@@ -34,6 +36,15 @@ demo-missing)
   [ $status = 2 ] || fail "unreadable capture: exit status $status, not 2"
   [ "$(grep -c '^replay: ' "$work/err")" = 1 ] || fail "unreadable capture: $(cat "$work/err")"
   [ "$(grep -c '^\$ quarrystat' "$work/out")" = 1 ] || fail "went on past the first report: $(cat "$work/out")"
+  # A tree whose /proc/meminfo is a FIFO: -n is stopped in time, and the demo with it.
+  cp -a sample/device "$work/fifo"
+  rm "$work/fifo/proc/meminfo" && mkfifo "$work/fifo/proc/meminfo"
+  QUARRY_REPLAY_SECONDS=2 QUARRY_BINARY=$binary timeout 60 scripts/demo.sh "$work/fifo" >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 124 ] || fail "FIFO tree: exit status $status, not 124"
+  grep -qx "demo: quarrystat -n did not finish within 2 s on $work/fifo; stopped" "$work/err" ||
+    fail "FIFO tree: $(cat "$work/err")"
+  [ "$(tail -n 1 "$work/out")" = '$ quarrystat -n' ] || fail "FIFO tree: went on past -n"
   ;;
 demo-capture)
   # The demo on a capture prints what it prints on the tree the capture was taken from.
