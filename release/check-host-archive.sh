@@ -8,7 +8,7 @@
 set -uo pipefail
 [ $# = 3 ] || { echo "usage: $0 ARCHIVE BINARY CAPTURE" >&2; exit 2; }
 archive=$(realpath "$1") binary=$(realpath "$2") capture=$(realpath "$3")
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 2
 name=$(basename "$archive" .tar.gz)
 check=$(mktemp -d)
 trap 'rm -rf "$check"' EXIT
