@@ -38,7 +38,7 @@ where() {
     *) echo "host: used by the scripts above" ;;
   esac
 }
-listing=$(for f in "${files[@]}"; do printf '    %-24s %s\n' "$f" "$(where "$f")"; done)
+listing=$(for f in "${files[@]}"; do printf '    %-26s %s\n' "$f" "$(where "$f")"; done)
 while IFS= read -r line; do
   if [ "$line" = @FILES@ ]; then printf '%s\n' "$listing"; else printf '%s\n' "${line//@VERSION@/$version}"; fi
 done <release/README.host >"$dir/README"
