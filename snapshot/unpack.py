@@ -401,20 +401,29 @@ def unpack(f, label, dest, err=sys.stderr):
 def make_links(links, dest, drop):
     """Makes the symbolic links, then removes each that leads out of dest; the exit status."""
     made = []
-    for name, rel, target in links:
-        path = os.path.join(dest, rel)
-        if through_link(dest, rel):
-            drop(name, "its path runs through a link")
-            continue
-        try:
-            make_parent(path)
-            os.symlink(target, path)
-        except OSError as e:
-            if e.errno not in PATH_ERRORS:
-                raise
-            drop(name, path_error(e))
-            continue
-        made.append((name, path, target))
+    try:
+        for name, rel, target in links:
+            path = os.path.join(dest, rel)
+            if through_link(dest, rel):
+                drop(name, "its path runs through a link")
+            elif not target:
+                drop(name, "link to nothing")
+            else:
+                try:
+                    make_parent(path)
+                    os.symlink(target, path)
+                    made.append((name, path, target))
+                except OSError as e:
+                    if e.errno not in PATH_ERRORS:
+                        raise
+                    drop(name, path_error(e))
+    finally:
+        remove_outside(made, dest, drop)
+    return 3 if drop.count else 0
+
+
+def remove_outside(made, dest, drop):
+    """Removes the links made that lead out of dest, even when not all could be made."""
     # One link can move where another leads; check them all again until none is removed.
     changed = True
     while changed:
@@ -426,7 +435,6 @@ def make_links(links, dest, drop):
                 made.remove(item)
                 drop(name, f"link to {target}, outside the capture")
                 changed = True
-    return 3 if drop.count else 0
 
 
 def extract(m, stream, dest, drop, room):
