@@ -227,15 +227,6 @@ class Ends(Unpacking):
                 self.assertEqual(status, 2, err)
                 self.assertTrue(err[0].startswith("replay: cannot unpack capture.tar.gz: "), err)
 
-    def test_names_in_messages_escaped(self):
-        raw = io.BytesIO()
-        with tarfile.open(fileobj=raw, mode="w") as tar:
-            tar.addfile(entry("proc/\x1b[2J/maps", data=b"x")[0], io.BytesIO(b"x"))
-        status, err, _ = self.run_on(gzip.compress(raw.getvalue()[:1024]), "cap\x1b.tar.gz")
-        self.assertEqual(status, 4)
-        self.assertEqual(err[-1], "replay: cap\\x1b.tar.gz is truncated after member "
-                                  "proc/\\x1b[2J/maps")
-
 
 class Names(Unpacking):
     def test_absolute_names_unpacked_inside_and_said_once(self):
@@ -350,10 +341,11 @@ class Generated(unittest.TestCase):
             data, surely, broken, clean = self.random_archive(rng, base)
             err = io.StringIO()
             with self.subTest(archive=i):
-                status = unpack.unpack(io.BytesIO(data), "c.tar.gz", dest, err)
+                status = unpack.unpack(io.BytesIO(data), "c\x1b.tar.gz", dest, err)
                 statuses[status] = statuses.get(status, 0) + 1
                 lines = err.getvalue().splitlines()
                 self.check_tree(base, dest)
+                # Names, the capture's own included, reach a terminal escaped.
                 self.assertFalse(any(c < " " or c == "\x7f" for line in lines for c in line))
                 named = any(line.startswith("replay: dropped ") for line in lines)
                 if not broken:
