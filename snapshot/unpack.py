@@ -23,6 +23,7 @@ Exit status: 0 when everything was kept, 3 when something was dropped (the rest 
 cut short, a member cut short, or a tar stream without its two end-of-archive blocks); after
 2 and 4, DEST holds a partial tree that the caller removes.
 """
+import collections
 import errno
 import os
 import re
@@ -37,7 +38,8 @@ PATH_MAX = 4096
 MAX_PAX = 1 << 20
 # The benchmark's large synthetic device (1000 processes, 64 descriptors each, 2000 buffers)
 # captures as about 70,000 members and 300 MB of maps text, and its largest scale (4x) as
-# 280,000 members; a real capture is a few MB. Unpacking takes 0.06 (tmpfs) to 0.3 ms (disk) per member.
+# 280,000 members; a real capture is a few MB. A member takes 0.06 ms (tmpfs) to 0.3 ms (a
+# busy disk) to unpack: the member bound is 30 s to 150 s, past which replay's time limit acts.
 MAX_MEMBERS = 500_000
 MAX_WRITTEN = 1 << 30
 # capture.sh writes no links at all; each one is checked again whenever another is removed.
@@ -237,9 +239,7 @@ def pax_records(payload, label):
     return records
 
 
-class Member:
-    def __init__(self, name, kind, size, mode, linkname):
-        self.name, self.kind, self.size, self.mode, self.linkname = name, kind, size, mode, linkname
+Member = collections.namedtuple("Member", "name kind size mode linkname")
 
 
 def members(stream, label):

@@ -43,7 +43,8 @@ def write_long_name_bomb(path, claimed=3 << 30, zeros=3 << 30):
             f.write(piece)
             crc = zlib.crc32(mib, crc)
         f.write(deflate.flush())
-        f.write(crc.to_bytes(4, "little") + ((len(block) + zeros) & 0xffffffff).to_bytes(4, "little"))
+        f.write(crc.to_bytes(4, "little"))
+        f.write(((len(block) + zeros) & 0xffffffff).to_bytes(4, "little"))
 
 
 def build(entries, fmt=tarfile.GNU_FORMAT, gz=True):
@@ -270,8 +271,8 @@ class Generated(unittest.TestCase):
             else name
 
     def random_archive(self, rng, base):
-        """(archive bytes, whether a member is surely dropped, whether it is damaged or cut);
-        one in five holds only what capture.sh writes."""
+        """(archive bytes, whether a member is surely dropped, whether the archive is damaged
+        or cut, whether it holds only what capture.sh writes: one in five does)."""
         entries, surely = [], False
         clean = rng.random() < 0.2
         for k in range(rng.randint(1, 12)):
@@ -286,7 +287,7 @@ class Generated(unittest.TestCase):
             if clean:
                 link = ""
                 name += f"/f{k}" if kind == tarfile.REGTYPE else ""
-            data = os.urandom(rng.choice([0, 1, 511, 513])) if kind in (
+            data = rng.randbytes(rng.choice([0, 1, 511, 513])) if kind in (
                 tarfile.REGTYPE, tarfile.CONTTYPE, b"V") else None
             entries.append(entry(name, kind, data, linkname=link, devmajor=1, devminor=3))
             rel = unpack.relative_name(name)
