@@ -31,6 +31,8 @@ import stat
 import sys
 import zlib
 
+from reporttext import shown  # names as they may reach a terminal: control bytes as \xHH
+
 # A member name, or a link's target, longer than this cannot be a path on Linux (PATH_MAX
 # counts the terminating NUL, which a GNU long-name payload carries too).
 PATH_MAX = 4096
@@ -78,11 +80,6 @@ class Cut(Exception):
 
 
 CONTROL = re.compile("[\x00-\x1f\x7f]")
-
-
-def shown(name):
-    """The name as it may reach a terminal: control characters as \\xHH, like the tool's own."""
-    return CONTROL.sub(lambda c: f"\\x{ord(c.group()):02x}", name)
 
 
 def has_control(name):
