@@ -3,7 +3,7 @@
 # capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
 # Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
-# hostile, hostile-names, time-bound, capture-mksh.
+# truncated, hostile, hostile-names, time-bound, capture-mksh.
 set -uo pipefail
 top=$(cd "$(dirname "$0")/../.." && pwd)
 binary=$(realpath "$1")
@@ -113,6 +113,21 @@ PY
   grep -qxF 'dmabuf 9 became unmapped: 131072 bytes, a|b, held by [488]evil\x1b]0;pwned\x07\x1b[2J' "$work/out" ||
     fail "$(cat -v "$work/out")"
   grep -q $'\x1b\|\x07' "$work/out" "$work/err" && fail "a control byte reached the terminal"
+  ;;
+truncated)
+  # A capture cut short (a download stopped midway) is refused as such, by replay and compare.
+  size=$(stat -c %s $pair/after.tar.gz)
+  head -c $((size / 2)) $pair/after.tar.gz >"$work/cut.tar.gz"
+  snapshot/replay.sh "$work/cut.tar.gz" "$binary" -n >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 4 ] || fail "replay exit status $status, not 4: $(cat "$work/err")"
+  grep -q "^replay: .*cut.tar.gz is truncated" "$work/err" || fail "message: $(cat "$work/err")"
+  [ -s "$work/out" ] && fail "the tool ran on a truncated capture"
+  snapshot/compare.sh $pair/before.tar.gz "$work/cut.tar.gz" "$binary" >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 4 ] || fail "compare exit status $status, not 4"
+  grep -q "^compare: cannot replay $work/cut.tar.gz" "$work/err" || fail "message: $(cat "$work/err")"
+  [ -s "$work/out" ] && fail "compare printed facts of a truncated capture"
   ;;
 compare-binary)
   # A binary that cannot run here is named once, before any capture is touched, with status 2.

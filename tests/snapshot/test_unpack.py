@@ -1,0 +1,383 @@
+#!/usr/bin/python3
+"""Tests of snapshot/unpack.py on captures built to hurt: bombs, truncations, generated
+archives of every member kind. Most run unpack() in this process; those about memory, time and
+tracebacks run the script as a child."""
+import gzip
+import io
+import os
+import random
+import resource
+import shutil
+import stat
+import subprocess
+import sys
+import tarfile
+import tempfile
+import time
+import unittest
+import zlib
+
+TOP = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", ".."))
+UNPACK = os.path.join(TOP, "snapshot", "unpack.py")
+PAIR = os.path.join(TOP, "tests", "data", "pair")
+sys.path.insert(0, os.path.join(TOP, "snapshot"))
+import unpack  # noqa: E402
+
+
+def write_long_name_bomb(path, claimed=3 << 30, zeros=3 << 30):
+    """A gzip'd tar whose first header is a GNU long name claiming `claimed` bytes, followed by
+    `zeros` zero bytes of it: about 1 KB of gzip per MiB, written without holding either."""
+    head = tarfile.TarInfo("././@LongLink")
+    head.type = tarfile.GNUTYPE_LONGNAME
+    head.size = claimed
+    block = head.tobuf(tarfile.GNU_FORMAT)
+    with open(path, "wb") as f:
+        f.write(b"\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\xff")       # gzip, no name, no time
+        deflate = zlib.compressobj(9, zlib.DEFLATED, -zlib.MAX_WBITS)
+        f.write(deflate.compress(block) + deflate.flush(zlib.Z_FULL_FLUSH))
+        crc = zlib.crc32(block)
+        mib = bytes(1 << 20)
+        # After a full flush each MiB of zeros compresses to the same bytes: compress it once.
+        piece = deflate.compress(mib) + deflate.flush(zlib.Z_FULL_FLUSH)
+        for _ in range(zeros >> 20):
+            f.write(piece)
+            crc = zlib.crc32(mib, crc)
+        f.write(deflate.flush())
+        f.write(crc.to_bytes(4, "little"))
+        f.write(((len(block) + zeros) & 0xffffffff).to_bytes(4, "little"))
+
+
+def build(entries, fmt=tarfile.GNU_FORMAT, gz=True):
+    """An archive of (TarInfo, data or None) entries, as bytes."""
+    raw = io.BytesIO()
+    with tarfile.open(fileobj=raw, mode="w", format=fmt) as tar:
+        for info, data in entries:
+            tar.addfile(info, io.BytesIO(data) if data is not None else None)
+    return gzip.compress(raw.getvalue()) if gz else raw.getvalue()
+
+
+def entry(name, kind=tarfile.REGTYPE, data=None, size=None, **kw):
+    info = tarfile.TarInfo(name)
+    info.type = kind
+    if data is not None:
+        info.size = len(data)
+    if size is not None:
+        info.size = size
+    for key, value in kw.items():
+        setattr(info, key, value)
+    return info, data
+
+
+def header_only(kind, size, name="x"):
+    """A single header claiming a payload it does not carry: bounds act before reading it."""
+    info = tarfile.TarInfo(name)
+    info.type = kind
+    info.size = size
+    return gzip.compress(info.tobuf(tarfile.GNU_FORMAT))
+
+
+class Unpacking(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.tmp)
+
+    def run_on(self, data, label="capture.tar.gz"):
+        """unpack() on archive bytes into a fresh folder: (status, stderr lines, folder)."""
+        dest = tempfile.mkdtemp(dir=self.tmp)
+        err = io.StringIO()
+        status = unpack.unpack(io.BytesIO(data), label, dest, err)
+        return status, err.getvalue().splitlines(), dest
+
+
+class Bounds(Unpacking):
+    def test_long_name_bomb_refused_in_little_memory_and_time(self):
+        bomb = os.path.join(self.tmp, "bomb.tar.gz")
+        write_long_name_bomb(bomb)
+        self.assertLess(os.path.getsize(bomb), 8 << 20)
+        start = time.monotonic()
+        run = subprocess.run([sys.executable, UNPACK, bomb, self.tmp + "/d"],
+                             capture_output=True, text=True, timeout=60)
+        self.assertEqual(run.returncode, 2, run.stderr)
+        self.assertIn(f"holds a member name of {3 << 30} bytes, longer than any path",
+                      run.stderr)
+        peak_kb = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+        self.assertLess(peak_kb, 100 << 10, f"peak resident memory {peak_kb} KB")
+        self.assertLess(time.monotonic() - start, 30)
+
+    def test_header_payloads_and_sizes_refused_before_they_are_read(self):
+        for kind, size, words in [
+                (tarfile.GNUTYPE_LONGNAME, 4097, "member name of 4097 bytes"),
+                (tarfile.GNUTYPE_LONGLINK, 1 << 40, "member link target of"),
+                (tarfile.XHDTYPE, (1 << 20) + 1, "pax header of 1048577 bytes"),
+                (tarfile.XGLTYPE, 1 << 33, "pax header of"),
+                (tarfile.REGTYPE, (1 << 30) + 1, "unpacks to more than 1024 MiB")]:
+            with self.subTest(kind=kind, size=size):
+                status, err, _ = self.run_on(header_only(kind, size))
+                self.assertEqual(status, 2, err)
+                self.assertEqual(len(err), 1, err)
+                self.assertIn(words, err[0])
+
+    def test_long_names_within_path_max_kept(self):
+        name = "/".join(["d" * 200] * 5) + "/f"       # a GNU long name and a pax path
+        for fmt in (tarfile.GNU_FORMAT, tarfile.PAX_FORMAT):
+            status, err, dest = self.run_on(build([entry(name, data=b"kept\n")], fmt))
+            self.assertEqual((status, err), (0, []))
+            with open(os.path.join(dest, name), "rb") as f:
+                self.assertEqual(f.read(), b"kept\n")
+        status, err, _ = self.run_on(build([entry("p/" + "q" * 5000, data=b"")],
+                                           tarfile.PAX_FORMAT))
+        self.assertEqual(status, 2)
+        self.assertIn("longer than any path", err[0])
+
+    def test_counts_and_written_bytes_bounded(self):
+        files = [entry(f"f{i}", data=b"x" * 100) for i in range(20)]
+        links = [entry(f"l{i}", tarfile.SYMTYPE, linkname="f0") for i in range(20)]
+        hard = [entry("f0", data=b"y" * 100)] + \
+               [entry(f"h{i}", tarfile.LNKTYPE, linkname="f0") for i in range(20)]
+        for bound, value, entries, words in [
+                ("MAX_MEMBERS", 19, files, "has more than 19 entries"),
+                ("MAX_WRITTEN", 1500, files, "unpacks to more than"),
+                ("MAX_WRITTEN", 1500, hard, "unpacks to more than"),
+                ("MAX_LINKS", 10, files[:1] + links, "more than 10 links")]:
+            with self.subTest(bound=bound, words=words):
+                saved = getattr(unpack, bound)
+                setattr(unpack, bound, value)
+                try:
+                    status, err, dest = self.run_on(build(entries))
+                finally:
+                    setattr(unpack, bound, saved)
+                self.assertEqual(status, 2, err)
+                self.assertIn(words, err[-1])
+                if bound != "MAX_WRITTEN":
+                    continue
+                written = sum(os.path.getsize(os.path.join(d, n))
+                              for d, _, names in os.walk(dest) for n in names)
+                self.assertLessEqual(written, 1500)
+
+    def test_dropped_names_bounded_on_stderr(self):
+        saved, unpack.MAX_NAMED = unpack.MAX_NAMED, 5
+        try:
+            status, err, _ = self.run_on(build([entry(f"../f{i}", data=b"") for i in range(9)]))
+        finally:
+            unpack.MAX_NAMED = saved
+        self.assertEqual(status, 3)
+        self.assertEqual(len(err), 6)
+        self.assertIn("the rest are not named", err[-1])
+
+
+class Ends(Unpacking):
+    def tar_of(self, writer):
+        """A folder like a capture's stage, packed by a tar writer (None if it is absent)."""
+        stage = os.path.join(self.tmp, "stage")
+        os.makedirs(stage + "/proc/123/fdinfo", exist_ok=True)
+        with open(stage + "/proc/123/maps", "w") as f:
+            f.write("12c00000-32c00000 rw-p 00000000 00:00 0   [anon:dalvik-main space]\n" * 40)
+        with open(stage + "/proc/meminfo", "w") as f:
+            f.write("MemTotal:        3884520 kB\n")
+        if not shutil.which(writer[0]):
+            return None
+        out = os.path.join(self.tmp, writer[0] + ".tar")
+        subprocess.run(writer + ["-cf", out, "-C", stage, "."], check=True)
+        with open(out, "rb") as f:
+            return f.read()
+
+    def test_real_writers_end_whole(self):
+        # The lab's captures (busybox in the guest), and what GNU and busybox tar write here.
+        for name in ("before.tar.gz", "after.tar.gz"):
+            with open(os.path.join(PAIR, name), "rb") as f:
+                status, err, _ = self.run_on(f.read())
+            self.assertEqual((status, err), (0, []), name)
+        for writer in (["tar"], ["busybox", "tar"]):
+            raw = self.tar_of(writer)
+            if raw is None:
+                continue
+            for data in (raw, gzip.compress(raw)):
+                status, err, _ = self.run_on(data)
+                self.assertEqual((status, err), (0, []), writer)
+
+    def test_cut_captures_refused_as_truncated(self):
+        raw = self.tar_of(["tar"])
+        members = tarfile.open(fileobj=io.BytesIO(raw)).getmembers()
+        maps = next(m for m in members if m.name == "./proc/123/maps")
+        before = members[members.index(maps) - 1].name[2:]
+        last = members[-1]
+        end = last.offset_data + -(-last.size // 512) * 512
+        whole = gzip.compress(raw)
+        for data, words in [
+                (gzip.compress(raw[:maps.offset]), "after member " + before),
+                (gzip.compress(raw[:end]), "after member " + last.name[2:]),
+                (gzip.compress(raw[:end + 512]), "after member " + last.name[2:]),
+                (gzip.compress(raw[:maps.offset_data + 700]), "inside member proc/123/maps"),
+                (gzip.compress(raw[:maps.offset + 100]), "after member " + before),
+                (raw[:maps.offset], "after member " + before),
+                (whole[:len(whole) // 2], "is truncated"),
+                (whole[:-3], "after member " + last.name[2:]),
+                (whole[:12], "before its first member")]:
+            with self.subTest(words=words, size=len(data)):
+                status, err, _ = self.run_on(data)
+                self.assertEqual(status, 4, err)
+                self.assertEqual(err, [f"replay: capture.tar.gz {err[0].split(' ', 2)[2]}"])
+                self.assertIn(words, err[0])
+
+    def test_not_archives_unreadable(self):
+        whole = gzip.compress(self.tar_of(["tar"]))
+        for data in (b"", b"not gzip\n", bytes(100), gzip.compress(b"short"),
+                     whole[:20] + b"\xff" * 50 + whole[70:]):
+            with self.subTest(data=data[:20]):
+                status, err, _ = self.run_on(data)
+                self.assertEqual(status, 2, err)
+                self.assertTrue(err[0].startswith("replay: cannot unpack capture.tar.gz: "), err)
+
+
+class Names(Unpacking):
+    def test_absolute_names_unpacked_inside_and_said_once(self):
+        status, err, dest = self.run_on(build(
+            [entry("/proc/meminfo", data=b"MemTotal: 1 kB\n"), entry("/proc/1/comm", data=b"x"),
+             entry("./proc/iomem", data=b"")]))
+        self.assertEqual(status, 0)
+        self.assertEqual(err, ["replay: member names of capture.tar.gz are absolute; unpacked "
+                               "inside the capture"])
+        self.assertTrue(os.path.isfile(os.path.join(dest, "proc/meminfo")))
+
+    def test_duplicates_and_collisions(self):
+        status, err, dest = self.run_on(build([
+            entry("a", data=b"first"), entry("a", data=b"second"),      # later copy wins
+            entry("b", data=b"file"), entry("b/c", data=b"under a file"),
+            entry("d", tarfile.DIRTYPE), entry("d", data=b"over a folder"),
+            entry("h", tarfile.LNKTYPE, linkname="a"), entry("s", tarfile.SYMTYPE, linkname="a"),
+            entry("s", data=b"before the link")]))
+        self.assertEqual(status, 3)
+        with open(os.path.join(dest, "a"), "rb") as f:
+            self.assertEqual(f.read(), b"second")
+        with open(os.path.join(dest, "h"), "rb") as f:
+            self.assertEqual(f.read(), b"second")
+        self.assertEqual(sorted(line.split(": ")[1] for line in err),
+                         ["dropped b/c", "dropped d", "dropped s"])
+        self.assertTrue(os.path.isfile(os.path.join(dest, "s")))
+
+
+SEGMENTS = ["a", "b", "proc", "..", ".", "", "n\nl", "e\x1b[0m", "\u00e9t\u00e9", "c" * 120]
+
+
+class Generated(unittest.TestCase):
+    """A few thousand random archives; whatever they hold, the invariants of a replay tree."""
+    COUNT = 2500
+
+    def random_name(self, rng):
+        parts = [rng.choice(SEGMENTS[:3]) if rng.random() < 0.7 else rng.choice(SEGMENTS)
+                 for _ in range(rng.randint(1, 4))]
+        name = "/".join(parts)
+        return rng.choice(["", "./", "/", "../", "../outside/"]) + name if rng.random() < 0.3 \
+            else name
+
+    def random_archive(self, rng, base):
+        """(archive bytes, whether a member is surely dropped, whether the archive is damaged
+        or cut, whether it holds only what capture.sh writes: one in five does)."""
+        entries, surely = [], False
+        clean = rng.random() < 0.2
+        for k in range(rng.randint(1, 12)):
+            name = self.random_name(rng)
+            if clean:       # folders of a, b; files named apart from any folder
+                name = "./" + "/".join(rng.choice("ab") for _ in range(rng.randint(1, 3)))
+            kind = rng.choice([tarfile.REGTYPE] * 4 + [tarfile.DIRTYPE] * 2 + ([
+                tarfile.SYMTYPE, tarfile.SYMTYPE, tarfile.LNKTYPE, tarfile.CHRTYPE,
+                tarfile.BLKTYPE, tarfile.FIFOTYPE, tarfile.CONTTYPE, b"V"] if not clean else []))
+            link = rng.choice([self.random_name(rng), "/etc/passwd", base + "/outside",
+                               base + "/outside/victim", "..", "../..", "a", "a/b", "proc"])
+            if clean:
+                link = ""
+                name += f"/f{k}" if kind == tarfile.REGTYPE else ""
+            data = rng.randbytes(rng.choice([0, 1, 511, 513])) if kind in (
+                tarfile.REGTYPE, tarfile.CONTTYPE, b"V") else None
+            entries.append(entry(name, kind, data, linkname=link, devmajor=1, devminor=3))
+            rel = unpack.relative_name(name)
+            if unpack.has_control(name) or (rel is None) or (
+                    kind in (tarfile.CHRTYPE, tarfile.BLKTYPE, tarfile.FIFOTYPE) and rel) or \
+                    (unpack.has_control(link) and kind in (tarfile.SYMTYPE, tarfile.LNKTYPE)):
+                surely = True
+        fmt = rng.choice([tarfile.GNU_FORMAT, tarfile.PAX_FORMAT])
+        raw = io.BytesIO()
+        with tarfile.open(fileobj=raw, mode="w", format=fmt) as tar:
+            for info, data in entries:
+                tar.addfile(info, io.BytesIO(data) if data is not None else None)
+        raw = bytearray(raw.getvalue())
+        damaged = rng.random() < 0.15 and not clean
+        if damaged:
+            for _ in range(rng.randint(1, 4)):
+                raw[rng.randrange(len(raw))] = rng.randrange(256)
+        data = gzip.compress(bytes(raw), mtime=0) if rng.random() < 0.8 else bytes(raw)
+        cut = rng.random() < 0.1 and not clean
+        if cut:
+            data = data[:rng.randrange(len(data))]
+        return data, surely, damaged or cut, clean
+
+    def check_tree(self, base, dest):
+        self.assertEqual(sorted(os.listdir(base)), ["dest", "outside"])
+        self.assertEqual(os.listdir(base + "/outside"), ["victim"])
+        with open(base + "/outside/victim", "rb") as f:
+            self.assertEqual(f.read(), b"host\n")
+        for folder, dirs, files in os.walk(dest):
+            for name in dirs + files:
+                path = os.path.join(folder, name)
+                mode = os.lstat(path).st_mode
+                self.assertTrue(stat.S_ISDIR(mode) or stat.S_ISREG(mode) or stat.S_ISLNK(mode),
+                                path)
+                if stat.S_ISLNK(mode):
+                    real = os.path.realpath(path)
+                    self.assertTrue(real == dest or real.startswith(dest + "/"), (path, real))
+
+    def test_invariants(self):
+        rng = random.Random(20)
+        top = tempfile.mkdtemp(dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
+        self.addCleanup(shutil.rmtree, top)
+        start = time.monotonic()
+        statuses = {}
+        for i in range(self.COUNT):
+            base = os.path.join(top, str(i))
+            dest = base + "/dest"
+            os.makedirs(dest)
+            os.makedirs(base + "/outside")
+            with open(base + "/outside/victim", "w") as f:
+                f.write("host\n")
+            data, surely, broken, clean = self.random_archive(rng, base)
+            err = io.StringIO()
+            with self.subTest(archive=i):
+                status = unpack.unpack(io.BytesIO(data), "c\x1b.tar.gz", dest, err)
+                statuses[status] = statuses.get(status, 0) + 1
+                lines = err.getvalue().splitlines()
+                self.check_tree(base, dest)
+                # Names, the capture's own included, reach a terminal escaped.
+                self.assertFalse(any(c < " " or c == "\x7f" for line in lines for c in line))
+                named = any(line.startswith("replay: dropped ") for line in lines)
+                if not broken:
+                    self.assertEqual(status, 3 if named else 0, lines)
+                    if surely:
+                        self.assertEqual(status, 3, lines)
+                    if clean:
+                        self.assertEqual(status, 0, lines)
+                else:
+                    self.assertIn(status, (0, 2, 3, 4), lines)
+            shutil.rmtree(base)
+        print(f"{self.COUNT} archives in {time.monotonic() - start:.1f} s: "
+              f"statuses {dict(sorted(statuses.items()))}", file=sys.stderr)
+        self.assertGreater(statuses.get(3, 0), self.COUNT // 4)
+        self.assertGreater(statuses.get(0, 0), self.COUNT // 20)
+        self.assertGreater(statuses.get(4, 0), 0)
+
+    def test_script_never_ends_in_a_traceback(self):
+        rng = random.Random(6)
+        with tempfile.TemporaryDirectory() as top:
+            for i in range(12):
+                base = os.path.join(top, str(i))
+                os.makedirs(base + "/dest")
+                data = self.random_archive(rng, base)[0]
+                with open(base + "/c.tar.gz", "wb") as f:
+                    f.write(data)
+                run = subprocess.run([sys.executable, UNPACK, base + "/c.tar.gz", base + "/dest"],
+                                     capture_output=True, text=True, timeout=60)
+                self.assertIn(run.returncode, (0, 2, 3, 4), run.stderr)
+                self.assertNotIn("Traceback", run.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
