@@ -3,6 +3,7 @@
 # /proc, /d, /sys and /dev), so the binary reads its usual fixed paths from the tree.
 #
 #   run-in-tree.sh [--user UID] [--prepare SCRIPT] TREE BINARY [ARGS...]
+#   run-in-tree.sh --each OUTDIR TREE BINARY OPTION...
 #
 # The tree is copied into a private tmpfs in name order, so directory listings come back in the
 # same order on every run; the original is never touched. A dynamically linked binary (the
@@ -12,15 +13,21 @@
 # report goes to VALGRIND_LOG (a host path) if set, else to standard error.
 #   --user UID       run as that uid (to meet files the tool may not read); needs real root
 #   --prepare SCRIPT run SCRIPT with the copy as working directory before the tool starts
+#   --each OUTDIR    run the tool once per OPTION (such as -u) on the one copy, each for at most
+#                    QUARRY_RUN_SECONDS (default 120; status 124 when stopped), writing
+#                    OUTDIR/NAME.out, NAME.err and NAME.status, NAME being the option without
+#                    its dashes; the script's status is then 0
 # The tool's exit status is this script's exit status.
 set -euo pipefail
 
 user=""
 prepare=""
+each=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --user) user=$2; shift 2 ;;
     --prepare) prepare=$(realpath "$2"); shift 2 ;;
+    --each) each=$(realpath "$2"); shift 2 ;;
     *) break ;;
   esac
 done
@@ -46,10 +53,10 @@ if [ -n "${VALGRIND:-}" ]; then
   chmod 777 "$vglog"
 fi
 set +e
-"${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$@" <<'INNER'
+"${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$each" "$@" <<'INNER'
 set -euo pipefail
-tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7
-shift 7
+tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7 each=$8
+shift 8
 mount -t tmpfs -o mode=755,nodev,nosuid quarry-tree "$root"
 # The list is NUL-separated and taken verbatim: a name may hold a newline, and a line of it
 # may read "-C"; neither may make tar take a second name, or an option, from it.
@@ -115,6 +122,18 @@ as_user=()
 [ -z "$user" ] || as_user=(--userspec="$user:$user")
 # QUARRY_AS_LIMIT_KB: an address-space limit, to make the tool run out of memory.
 [ -z "${QUARRY_AS_LIMIT_KB:-}" ] || ulimit -v "$QUARRY_AS_LIMIT_KB"
+if [ -n "$each" ]; then
+  # Several reports on one copy: a large tree is copied once, not once per report.
+  for option in "$@"; do
+    name=${option##*-}
+    status=0
+    timeout -k 5 "${QUARRY_RUN_SECONDS:-120}" chroot "${as_user[@]}" "$root" "${cmd[@]}" "$option" \
+      >"$each/$name.out" 2>"$each/$name.err" </dev/null || status=$?
+    [ $status != 137 ] || status=124
+    echo $status >"$each/$name.status"
+  done
+  exit 0
+fi
 exec chroot "${as_user[@]}" "$root" "${cmd[@]}" "$@"
 INNER
 status=$?

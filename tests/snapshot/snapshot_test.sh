@@ -211,6 +211,15 @@ time-bound)
   [ $status = 124 ] || fail "exit status $status, not 124"
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 15 ] || fail "took $(($(date +%s) - start)) s"
+  # So is each of the three reports replayed on one unpacking.
+  printf 'int main(void) { for (;;) ; }\n' | cc -static -x c - -o "$work/spin" || fail "cannot build a spinner"
+  mkdir "$work/reports"
+  start=$(date +%s)
+  QUARRY_REPLAY_SECONDS=2 snapshot/replay.sh --reports "$work/reports" $pair/after.tar.gz "$work/spin" 2>"$work/err"
+  status=$?
+  [ $status = 124 ] || fail "--reports: exit status $status, not 124"
+  grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
+  [ $(($(date +%s) - start)) -lt 30 ] || fail "--reports took $(($(date +%s) - start)) s"
   ;;
 capture-mksh)
   # capture.sh as a device runs it: mksh and busybox tools in a root laid out like the sample
