@@ -283,8 +283,13 @@ static long unmapped_buf_total(const char **what)
     }
     uint64_t exported_kb = 0;
     *what = "the DMA-BUF sysfs total";
-    if (read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) < 0 &&
-        !bufinfo_totals_kb(mapped, &exported_kb, &mapped_kb)) {
+    bool have_exported =
+        read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) >= 0;
+    if (!have_exported) {
+        *what = "the DMA-BUF table of " DMABUF_BUFINFO;
+        have_exported = bufinfo_totals_kb(mapped, &exported_kb, &mapped_kb);
+    }
+    if (!have_exported) {
         /* Without the exported total there is no unmapped figure to give. Saying so, and adding
          * nothing to the kernel total, keeps that total a sum of figures that were read; -1
          * minus the mapped total would put an invented number into it. */

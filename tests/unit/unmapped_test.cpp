@@ -229,4 +229,26 @@ TEST(OutOfMemory, ReportsReturnNoMemoryAndSaySo) {
     }
 }
 
+// On a kernel without the sysfs statistics -n reads the debug table; running out of memory
+// there names the table, not the sysfs total it no longer reads.
+TEST(OutOfMemory, BufinfoPathNamesTheTable) {
+    const std::string tree = std::string(QUARRY_SOURCE_DIR) + "/tests/fixtures/dmabuf-bufinfo";
+    bool named = false;
+    long allow = 0;
+    for (; allow < 4000; allow++) {
+        ChildRun run = RunChrooted(tree, [&] {
+            FailAllocationsAfter(allow);
+            int ret = parse_kernel_memory();
+            FailAllocationsAfter(-1);
+            return ret == -ENOMEM ? 10 : ret == 0 ? 0 : 3;
+        });
+        if (run.status == 0) break;
+        ASSERT_EQ(10, run.status) << "allow " << allow << ": " << run.err;
+        named |= run.err.find("quarrystat: out of memory: cannot allocate memory for the DMA-BUF "
+                              "table of /d/dma_buf/bufinfo\n") != std::string::npos;
+    }
+    EXPECT_LT(allow, 4000);
+    EXPECT_TRUE(named);
+}
+
 }  // namespace
