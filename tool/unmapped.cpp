@@ -7,6 +7,7 @@
  * again from scratch. */
 #include "unmapped.h"
 
+#include <base/logging.h>
 #include <base/stringprintf.h>
 #include <dirent.h>
 #include <dmabufinfo/dmabuf_bufinfo.h>
@@ -40,9 +41,12 @@ using android::dmabufinfo::DmaBufferList;
  * and the read of its files fails one read and is gone from the next listing; a tree that
  * fails this many reads in a row is damaged, not moving. Between reads the tool waits, 1 ms
  * and then twice as long each time, so that a free caught halfway (its thread preempted on a
- * busy device) can finish: a damaged tree costs half a second in all. */
+ * busy device) can finish: a damaged tree costs half a second in all. The build that runs
+ * reports over generated trees (fuzzing) sets the pause to 0: its trees never move. */
 #define SYSFS_READ_ATTEMPTS 10
+#ifndef SYSFS_RETRY_FIRST_PAUSE_US
 #define SYSFS_RETRY_FIRST_PAUSE_US 1000
+#endif
 
 /* A walk that skips the processes it cannot read instead of failing records them here. */
 struct walk_skips {
@@ -181,11 +185,40 @@ static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmab
     fputc('\n', stderr);
 }
 
+/* Passes on each message of the library once while it lives: a damaged buffer fails every
+ * read of the statistics the same way, and each walk that meets it in a mapping too; one line
+ * says so as well as twelve. */
+class log_once {
+public:
+    log_once()
+    {
+        next_ = android::base::SetLogSink([this](android::base::LogSeverity severity,
+                                                 const char *file, unsigned line,
+                                                 const std::string &message) {
+            if (!seen_.insert(message).second)
+                return;
+            if (next_)
+                next_(severity, file, line, message);
+            else
+                android::base::StderrLogSink(severity, file, line, message);
+        });
+    }
+    ~log_once() { android::base::SetLogSink(std::move(next_)); }
+    log_once(const log_once &) = delete;
+    log_once &operator=(const log_once &) = delete;
+
+private:
+    android::base::LogSink next_;
+    std::unordered_set<std::string> seen_;
+};
+
 int read_with_retries(sysfs_read read, void *out, const char *path)
 {
     useconds_t pause = SYSFS_RETRY_FIRST_PAUSE_US;
+    log_once once;
+    int attempt;
 
-    for (int attempt = 1; attempt <= SYSFS_READ_ATTEMPTS; attempt++) {
+    for (attempt = 1; attempt <= SYSFS_READ_ATTEMPTS; attempt++) {
         if (read(out, path)) {
             if (attempt > 1)
                 fprintf(stderr, "quarrystat: read %s in %d attempts\n", path, attempt);
@@ -201,6 +234,11 @@ int read_with_retries(sysfs_read read, void *out, const char *path)
             pause *= 2;
         }
     }
+    /* A single failed read has said why; after several, the lines above name each failure
+     * once, and this says that they were not passing ones. */
+    if (attempt > 1)
+        fprintf(stderr, "quarrystat: gave up reading %s after %d reads\n", path,
+                attempt > SYSFS_READ_ATTEMPTS ? SYSFS_READ_ATTEMPTS : attempt);
     return -1;
 }
 
@@ -309,6 +347,7 @@ void collect_held_dmabufs(std::vector<DmaBuffer> *held)
 long get_unmapped_buf_total()
 {
     const char *what = "the ION totals";
+    log_once once;
 
     try {
         return unmapped_buf_total(&what);
@@ -395,6 +434,7 @@ static void unmapped_report(const char **what)
 int show_unmapped_dmabuf()
 {
     const char *what = "the mapped DMA-BUF buffers";
+    log_once once;
 
     try {
         unmapped_report(&what);
