@@ -35,15 +35,20 @@ using android::dmabufinfo::DmaBufferList;
 
 /* Full passes a failing walk gets before the last, forgiving one. A process that exits during
  * a pass is gone by the next; one that fails three times in a row is not going to be read. */
+#ifndef WALK_STRICT_PASSES
 #define WALK_STRICT_PASSES 3
+#endif
 
 /* Reads of the DMA-BUF sysfs statistics before giving up. A buffer freed between the listing
  * and the read of its files fails one read and is gone from the next listing; a tree that
  * fails this many reads in a row is damaged, not moving. Between reads the tool waits, 1 ms
  * and then twice as long each time, so that a free caught halfway (its thread preempted on a
  * busy device) can finish: a damaged tree costs half a second in all. The build that runs
- * reports over generated trees (fuzzing) sets the pause to 0: its trees never move. */
+ * reports over written trees (fuzzing) makes three reads without pauses, and one strict pass
+ * of each walk: its trees never move, so what fails once fails again. */
+#ifndef SYSFS_READ_ATTEMPTS
 #define SYSFS_READ_ATTEMPTS 10
+#endif
 #ifndef SYSFS_RETRY_FIRST_PAUSE_US
 #define SYSFS_RETRY_FIRST_PAUSE_US 1000
 #endif
@@ -229,7 +234,7 @@ int read_with_retries(sysfs_read read, void *out, const char *path)
         struct stat st;
         if (stat(path, &st) != 0)
             break;
-        if (attempt < SYSFS_READ_ATTEMPTS) {
+        if (attempt < SYSFS_READ_ATTEMPTS && pause > 0) {
             usleep(pause);
             pause *= 2;
         }

@@ -44,7 +44,9 @@
 
 namespace {
 
-constexpr size_t kMaxTreeBytes = 1 << 20;  // bounds what repetition can write per input
+// Bounds what repetition can write per input: room for a maps file beyond one 64 KB read, and
+// no more, since every byte written is parsed again by each pass of each walk.
+constexpr size_t kMaxTreeBytes = 96 << 10;
 constexpr unsigned long kMaxRepeat = 4096;
 
 // Relative path components, none empty, "." or "..", of a small alphabet; false otherwise.
@@ -83,11 +85,15 @@ bool TargetInTree(const std::vector<std::string>& link, std::string_view target)
     return true;
 }
 
-bool MakeParents(const std::string& root, const std::vector<std::string>& parts, size_t n) {
+// made: the directories this input has made so far, so each is made once, not once per entry.
+bool MakeParents(const std::string& root, const std::vector<std::string>& parts, size_t n,
+                 std::set<std::string>* made) {
     std::string path = root;
     for (size_t i = 0; i < n; i++) {
         path += "/" + parts[i];
+        if (made->count(path)) continue;
         if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        made->insert(path);
     }
     return true;
 }
@@ -108,7 +114,7 @@ void WriteFile(const std::string& path, std::string_view text, unsigned long rep
 
 // One "@@ " header and the text after it.
 void AddEntry(const std::string& root, std::string_view header, std::string_view text,
-              size_t* budget) {
+              size_t* budget, std::set<std::string>* made) {
     std::vector<std::string> parts;
     std::string_view path = header, target;
     unsigned long repeat = 1;
@@ -125,7 +131,8 @@ void AddEntry(const std::string& root, std::string_view header, std::string_view
     if (dir_only) path.remove_suffix(1);
     if (!SplitPath(path, &parts)) return;
     if (parts[0] != "proc" && parts[0] != "d" && parts[0] != "sys") return;
-    if (!MakeParents(root, parts, dir_only ? parts.size() : parts.size() - 1) || dir_only) return;
+    if (!MakeParents(root, parts, dir_only ? parts.size() : parts.size() - 1, made) || dir_only)
+        return;
     std::string full = root + "/" + std::string(path);
     if (arrow != std::string_view::npos) {
         if (TargetInTree(parts, target)) (void)!symlink(std::string(target).c_str(), full.c_str());
@@ -164,6 +171,7 @@ void BuildTree(const uint8_t* data, size_t size) {
          !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
         std::filesystem::remove_all(it->path(), ec);
     std::filesystem::create_directories(root + "/proc", ec);
+    std::set<std::string> made = {root + "/proc"};
 
     std::string_view in(reinterpret_cast<const char*>(data), size);
     size_t budget = kMaxTreeBytes;
@@ -178,7 +186,7 @@ void BuildTree(const uint8_t* data, size_t size) {
         size_t next = in.find("\n@@ ", text_start == 0 ? 0 : text_start - 1);
         size_t text_end = next == std::string_view::npos ? in.size() : next + 1;
         if (text_end < text_start) text_end = text_start;
-        AddEntry(root, header, in.substr(text_start, text_end - text_start), &budget);
+        AddEntry(root, header, in.substr(text_start, text_end - text_start), &budget, &made);
         at = next == std::string_view::npos ? next : next + 1;
     }
 }
@@ -188,13 +196,10 @@ void BuildTree(const uint8_t* data, size_t size) {
 class QuietStdout {
   public:
     QuietStdout() {
+        static const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);  // kept for the run
         fflush(stdout);
         saved_ = dup(1);
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (null >= 0) {
-            dup2(null, 1);
-            close(null);
-        }
+        if (null >= 0) dup2(null, 1);
     }
     ~QuietStdout() {
         fflush(stdout);
