@@ -85,6 +85,16 @@ bool TargetInTree(const std::vector<std::string>& link, std::string_view target)
     return true;
 }
 
+// Everything BuildTree made for the current input, in the order it was made, so the next
+// input can take it away with one call per entry, the last made first. Sweeping the tree with
+// std::filesystem::remove_all costs several calls per entry and was a good part of the time
+// an input took.
+struct Made {
+    std::string path;
+    bool dir;
+};
+std::vector<Made> made_entries;
+
 // made: the directories this input has made so far, so each is made once, not once per entry.
 bool MakeParents(const std::string& root, const std::vector<std::string>& parts, size_t n,
                  std::set<std::string>* made) {
@@ -92,7 +102,10 @@ bool MakeParents(const std::string& root, const std::vector<std::string>& parts,
     for (size_t i = 0; i < n; i++) {
         path += "/" + parts[i];
         if (made->count(path)) continue;
-        if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        if (mkdir(path.c_str(), 0755) == 0)
+            made_entries.push_back({path, true});
+        else if (errno != EEXIST)
+            return false;
         made->insert(path);
     }
     return true;
@@ -101,6 +114,7 @@ bool MakeParents(const std::string& root, const std::vector<std::string>& parts,
 void WriteFile(const std::string& path, std::string_view text, unsigned long repeat) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (fd < 0) return;
+    made_entries.push_back({path, false});  // a file written twice is removed once, then ENOENT
     std::string all;
     all.reserve(text.size() * repeat);
     for (unsigned long i = 0; i < repeat; i++) all.append(text);
@@ -135,7 +149,8 @@ void AddEntry(const std::string& root, std::string_view header, std::string_view
         return;
     std::string full = root + "/" + std::string(path);
     if (arrow != std::string_view::npos) {
-        if (TargetInTree(parts, target)) (void)!symlink(std::string(target).c_str(), full.c_str());
+        if (TargetInTree(parts, target) && symlink(std::string(target).c_str(), full.c_str()) == 0)
+            made_entries.push_back({full, false});
         return;
     }
     if (text.size() * repeat > *budget) return;
@@ -163,14 +178,23 @@ void RemoveTree() {
 // goes at exit.
 void BuildTree(const uint8_t* data, size_t size) {
     static const std::string root = QUARRY_TREE_ROOT;
+    static bool swept = false;  // the first input sweeps what an earlier run may have left
     static const bool cleanup = (MountPrivateRoot(), atexit(RemoveTree) == 0);
     (void)cleanup;
+    for (auto it = made_entries.rbegin(); swept && it != made_entries.rend(); ++it) {
+        if ((it->dir ? rmdir(it->path.c_str()) : unlink(it->path.c_str())) != 0 && errno != ENOENT)
+            swept = false;
+    }
+    made_entries.clear();
     std::error_code ec;
-    // The root itself may be a mount point: empty it rather than remove it.
-    for (auto it = std::filesystem::directory_iterator(root, ec);
-         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
-        std::filesystem::remove_all(it->path(), ec);
-    std::filesystem::create_directories(root + "/proc", ec);
+    if (!swept) {
+        // The root itself may be a mount point: empty it rather than remove it.
+        for (auto it = std::filesystem::directory_iterator(root, ec);
+             !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+            std::filesystem::remove_all(it->path(), ec);
+        swept = true;
+    }
+    if (mkdir((root + "/proc").c_str(), 0755) == 0) made_entries.push_back({root + "/proc", true});
     std::set<std::string> made = {root + "/proc"};
 
     std::string_view in(reinterpret_cast<const char*>(data), size);
