@@ -37,6 +37,15 @@ static char SeverityLetter(LogSeverity severity) {
     return letters[severity];
 }
 
+void StderrLogSink(LogSeverity severity, const char* file, unsigned line,
+                   const std::string& message) {
+    std::string text = std::string("quarrystat: ") + SeverityLetter(severity) + " " + file + ":" +
+                       std::to_string(line) + "] " + message + "\n";
+    // One write per message, so lines from a dying process are not interleaved.
+    ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
+    (void)ignored;
+}
+
 // Forms and writes the message. Out of memory, the text cannot be formed, and a destructor
 // must not throw: the place of the message is still written, from a fixed buffer.
 LogMessage::~LogMessage() {
@@ -51,11 +60,7 @@ LogMessage::~LogMessage() {
         if (Sink()) {
             Sink()(severity_, base, line_, message);
         } else {
-            std::string text = std::string("quarrystat: ") + SeverityLetter(severity_) + " " +
-                               base + ":" + std::to_string(line_) + "] " + message + "\n";
-            // One write per message, so lines from a dying process are not interleaved.
-            ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
-            (void)ignored;
+            StderrLogSink(severity_, base, line_, message);
         }
     } catch (...) {
         char text[256];

@@ -38,5 +38,11 @@ function(quarry_tree_tool name)
   add_library(${name} STATIC ${wrappers})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/tool ${dir})
   target_compile_definitions(${name} PUBLIC QUARRY_TREE_ROOT="${root}")
+  # A written tree does not move while a report reads it, so a walk or a read of the sysfs
+  # statistics that fails will fail again: the pauses between the reads, meant for a device
+  # freeing a buffer, would only cost each damaged input half a second, ten reads do what
+  # three do, and one strict pass of a walk what three do (the forgiving pass still follows).
+  target_compile_definitions(${name} PRIVATE SYSFS_RETRY_FIRST_PAUSE_US=0 SYSFS_READ_ATTEMPTS=3
+                                             WALK_STRICT_PASSES=1)
   target_link_libraries(${name} PUBLIC dmabufinfo meminfo procinfo quarry_base ZLIB::ZLIB)
 endfunction()

@@ -2,9 +2,13 @@
 # A long fuzzing campaign: runs each target for RUNS executions (default 10 million) in series,
 # starting from its committed corpus, then merges what it found back into that corpus with
 # -merge=1 -use_counters=0, which keeps only inputs that reach code (edges) the corpus did not:
-# hit-count differences alone would add hundreds of near-copies. Prints executions, coverage counters
-# (cov, ft) and the number of inputs added per target; a crash or sanitizer report stops that
-# target, leaves its input in build/fuzz/crashes/ and fails the campaign.
+# hit-count differences alone would add hundreds of near-copies. Prints executions (and their rate),
+# coverage counters (cov, ft) and the number of inputs added per target; a crash or sanitizer
+# report stops that target, leaves its input in build/fuzz/crashes/ and fails the campaign.
+# The report targets (report_*) write and read a whole device tree per input, some hundred times
+# the work of a line: they run for REPORT_RUNS executions (default 1 million, or RUNS if fewer)
+# within REPORT_MAX_SECONDS (default 7200; a few hundred executions a second on two busy cores
+# make a million in about an hour), the others for RUNS within MAX_SECONDS (default 3600).
 #   fuzz-campaign.sh [RUNS] [TARGET...]
 # Meant to run at low priority beside other work (nice -n 10); not part of CI, which runs each
 # target for a few seconds from the grown corpora (scripts/fuzz.sh).
@@ -30,11 +34,17 @@ for t in "${targets[@]}"; do
     report_*) max_len=8192 ;;
     *) max_len=512 ;;
   esac
+  t_runs=$runs t_seconds=${MAX_SECONDS:-3600}
+  if [[ $t == report_* ]]; then
+    t_runs=${REPORT_RUNS:-1000000}
+    [ "$runs" -ge "$t_runs" ] || t_runs=$runs
+    t_seconds=${REPORT_MAX_SECONDS:-7200}
+  fi
   start=$(date +%s)
   # The wall-clock bound keeps a slow target from holding the machine for hours.
   UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ASAN_OPTIONS=halt_on_error=1 \
-    nice -n 10 "$bin" "$found" "tests/fuzz/corpus/$t" -runs="$runs" -max_len="$max_len" \
-    -max_total_time="${MAX_SECONDS:-3600}" -timeout=10 -artifact_prefix="build/fuzz/crashes/$t-" \
+    nice -n 10 "$bin" "$found" "tests/fuzz/corpus/$t" -runs="$t_runs" -max_len="$max_len" \
+    -max_total_time="$t_seconds" -timeout=10 -artifact_prefix="build/fuzz/crashes/$t-" \
     -print_final_stats=1 -close_fd_mask=3 >"$log" 2>&1
   rc=$?
   secs=$(($(date +%s) - start))
@@ -51,7 +61,11 @@ for t in "${targets[@]}"; do
     finding="exit $rc, see $log and build/fuzz/crashes/$t-*"
     status=1
   fi
-  printf 'fuzz_%s: %s executions in %ss, cov %s ft %s, %s inputs added to the corpus, findings: %s\n' \
-    "$t" "${execs:-?}" "$secs" "${cov:-?}" "${ft:-?}" "$added" "$finding"
+  rate=?
+  [ -z "$execs" ] || rate=$((execs / (secs > 0 ? secs : 1)))
+  short=""
+  [ -z "$execs" ] || [ "$execs" -ge "$t_runs" ] || short=" (short of $t_runs: the time bound came first)"
+  printf 'fuzz_%s: %s executions in %ss (%s/s)%s, cov %s ft %s, %s inputs added to the corpus, findings: %s\n' \
+    "$t" "${execs:-?}" "$secs" "$rate" "$short" "${cov:-?}" "${ft:-?}" "$added" "$finding"
 done
 exit $status

@@ -1,6 +1,7 @@
 /* quarrystat: memory accounting for 64-bit Arm Android devices. One option, one report. */
 #include <errno.h>
 #include <getopt.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -132,5 +133,9 @@ static int run(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    /* A reader that went away (quarrystat -u | head -1) is one more way of losing the report:
+     * the write fails with EPIPE and the run ends with the same status and message as on a
+     * full disk, rather than being killed by the signal midway with a status of its own. */
+    signal(SIGPIPE, SIG_IGN);
     return output_status(run(argc, argv));
 }

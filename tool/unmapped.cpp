@@ -7,6 +7,7 @@
  * again from scratch. */
 #include "unmapped.h"
 
+#include <base/logging.h>
 #include <base/stringprintf.h>
 #include <dirent.h>
 #include <dmabufinfo/dmabuf_bufinfo.h>
@@ -34,15 +35,23 @@ using android::dmabufinfo::DmaBufferList;
 
 /* Full passes a failing walk gets before the last, forgiving one. A process that exits during
  * a pass is gone by the next; one that fails three times in a row is not going to be read. */
+#ifndef WALK_STRICT_PASSES
 #define WALK_STRICT_PASSES 3
+#endif
 
 /* Reads of the DMA-BUF sysfs statistics before giving up. A buffer freed between the listing
  * and the read of its files fails one read and is gone from the next listing; a tree that
  * fails this many reads in a row is damaged, not moving. Between reads the tool waits, 1 ms
  * and then twice as long each time, so that a free caught halfway (its thread preempted on a
- * busy device) can finish: a damaged tree costs half a second in all. */
+ * busy device) can finish: a damaged tree costs half a second in all. The build that runs
+ * reports over written trees (fuzzing) makes three reads without pauses, and one strict pass
+ * of each walk: its trees never move, so what fails once fails again. */
+#ifndef SYSFS_READ_ATTEMPTS
 #define SYSFS_READ_ATTEMPTS 10
+#endif
+#ifndef SYSFS_RETRY_FIRST_PAUSE_US
 #define SYSFS_RETRY_FIRST_PAUSE_US 1000
+#endif
 
 /* A walk that skips the processes it cannot read instead of failing records them here. */
 struct walk_skips {
@@ -181,11 +190,40 @@ static void collect_with_retries(process_walk walk, std::vector<DmaBuffer> *dmab
     fputc('\n', stderr);
 }
 
+/* Passes on each message of the library once while it lives: a damaged buffer fails every
+ * read of the statistics the same way, and each walk that meets it in a mapping too; one line
+ * says so as well as twelve. */
+class log_once {
+public:
+    log_once()
+    {
+        next_ = android::base::SetLogSink([this](android::base::LogSeverity severity,
+                                                 const char *file, unsigned line,
+                                                 const std::string &message) {
+            if (!seen_.insert(message).second)
+                return;
+            if (next_)
+                next_(severity, file, line, message);
+            else
+                android::base::StderrLogSink(severity, file, line, message);
+        });
+    }
+    ~log_once() { android::base::SetLogSink(std::move(next_)); }
+    log_once(const log_once &) = delete;
+    log_once &operator=(const log_once &) = delete;
+
+private:
+    android::base::LogSink next_;
+    std::unordered_set<std::string> seen_;
+};
+
 int read_with_retries(sysfs_read read, void *out, const char *path)
 {
     useconds_t pause = SYSFS_RETRY_FIRST_PAUSE_US;
+    log_once once;
+    int attempt;
 
-    for (int attempt = 1; attempt <= SYSFS_READ_ATTEMPTS; attempt++) {
+    for (attempt = 1; attempt <= SYSFS_READ_ATTEMPTS; attempt++) {
         if (read(out, path)) {
             if (attempt > 1)
                 fprintf(stderr, "quarrystat: read %s in %d attempts\n", path, attempt);
@@ -196,11 +234,16 @@ int read_with_retries(sysfs_read read, void *out, const char *path)
         struct stat st;
         if (stat(path, &st) != 0)
             break;
-        if (attempt < SYSFS_READ_ATTEMPTS) {
+        if (attempt < SYSFS_READ_ATTEMPTS && pause > 0) {
             usleep(pause);
             pause *= 2;
         }
     }
+    /* A single failed read has said why; after several, the lines above name each failure
+     * once, and this says that they were not passing ones. */
+    if (attempt > 1)
+        fprintf(stderr, "quarrystat: gave up reading %s after %d reads\n", path,
+                attempt > SYSFS_READ_ATTEMPTS ? SYSFS_READ_ATTEMPTS : attempt);
     return -1;
 }
 
@@ -283,8 +326,13 @@ static long unmapped_buf_total(const char **what)
     }
     uint64_t exported_kb = 0;
     *what = "the DMA-BUF sysfs total";
-    if (read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) < 0 &&
-        !bufinfo_totals_kb(mapped, &exported_kb, &mapped_kb)) {
+    bool have_exported =
+        read_with_retries(read_exported_kb, &exported_kb, DMABUF_SYSFS_BUFFERS) >= 0;
+    if (!have_exported) {
+        *what = "the DMA-BUF table of " DMABUF_BUFINFO;
+        have_exported = bufinfo_totals_kb(mapped, &exported_kb, &mapped_kb);
+    }
+    if (!have_exported) {
         /* Without the exported total there is no unmapped figure to give. Saying so, and adding
          * nothing to the kernel total, keeps that total a sum of figures that were read; -1
          * minus the mapped total would put an invented number into it. */
@@ -304,6 +352,7 @@ void collect_held_dmabufs(std::vector<DmaBuffer> *held)
 long get_unmapped_buf_total()
 {
     const char *what = "the ION totals";
+    log_once once;
 
     try {
         return unmapped_buf_total(&what);
@@ -390,6 +439,7 @@ static void unmapped_report(const char **what)
 int show_unmapped_dmabuf()
 {
     const char *what = "the mapped DMA-BUF buffers";
+    log_once once;
 
     try {
         unmapped_report(&what);

@@ -16,8 +16,18 @@
 // and then a new one with ino, and the last header says what the object lines hold. The whole
 // table is printed in one go under the kernel's list lock, so it is one consistent snapshot;
 // without its Total line it was cut short and says nothing about the buffers after the cut.
+//
+// The ino column is the buffer file's inode number, printed whole ("%08lu"). Since 5.17 (and in
+// the stable and Android kernels the change was carried into, with the sysfs statistics)
+// dma-buf numbers its files from a 64-bit counter of its own, never reused while the system
+// runs; before, they were numbered by get_next_ino(), a 32-bit counter that repeats only after
+// 2^32 files. So an
+// inode from 2^32 up is a buffer of its own, compared whole, and two rows with one inode are
+// not something a kernel of this decade prints: were they two buffers, a process's mapping of
+// that inode could be either, and the table cannot say which memory is unmapped.
 #include "dmabufinfo/dmabuf_bufinfo.h"
 
+#include <unordered_map>
 #include <vector>
 
 #include "base/file.h"
@@ -94,6 +104,7 @@ bool ParseDmabufBufinfo(std::string_view text, DmabufSysfsStats* stats, const st
     bool have_header = false, have_total = false;
     Columns columns;
     size_t line_number = 0;
+    std::unordered_map<uint64_t, size_t> line_of_inode;
 
     while (!text.empty()) {
         size_t newline = text.find('\n');
@@ -153,6 +164,13 @@ bool ParseDmabufBufinfo(std::string_view text, DmabufSysfsStats* stats, const st
             !ParseDecimal(fields[columns.size], &info.size) ||
             !ParseDecimal(fields[columns.inode], &info.inode)) {
             LOG(ERROR) << "Unable to parse the object on line " << line_number << " of " << source;
+            return false;
+        }
+        auto [first, inserted] = line_of_inode.emplace(info.inode, line_number);
+        if (!inserted) {
+            LOG(ERROR) << source << " lists inode " << info.inode << " on lines " << first->second
+                       << " and " << line_number
+                       << ": its buffers cannot be told apart by the processes' references";
             return false;
         }
         info.exporter_name = std::string(fields[columns.exporter]);

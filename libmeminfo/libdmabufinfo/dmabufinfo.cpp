@@ -120,19 +120,19 @@ class LineReader {
             // is then scanned once, not once per read.
             size_t from = scanned_ > start_ ? scanned_ : start_;
             char* newline = end_ > from
-                                ? static_cast<char*>(memchr(buf_.data() + from, '\n', end_ - from))
+                                ? static_cast<char*>(memchr(buf_.get() + from, '\n', end_ - from))
                                 : nullptr;
             if (newline != nullptr) {
                 *newline = '\0';
-                char* line = buf_.data() + start_;
-                start_ = newline - buf_.data() + 1;
+                char* line = buf_.get() + start_;
+                start_ = newline - buf_.get() + 1;
                 return line;
             }
             scanned_ = end_;
             if (eof_) {
                 if (start_ == end_) return nullptr;
                 buf_[end_] = '\0';  // the last line, without a newline
-                char* line = buf_.data() + start_;
+                char* line = buf_.get() + start_;
                 start_ = end_;
                 return line;
             }
@@ -143,14 +143,14 @@ class LineReader {
   private:
     void Fill() {
         // Keep the unfinished line, move it to the front and make room behind it.
-        if (start_ > 0 && end_ > start_) memmove(buf_.data(), buf_.data() + start_, end_ - start_);
+        if (start_ > 0 && end_ > start_) memmove(buf_.get(), buf_.get() + start_, end_ - start_);
         end_ -= start_;
         scanned_ = scanned_ > start_ ? scanned_ - start_ : 0;
         start_ = 0;
-        if (buf_.size() - end_ < chunk_ + 1) buf_.resize(end_ + chunk_ + 1);
+        if (size_ - end_ < chunk_ + 1) Grow(end_ + chunk_ + 1);
         ssize_t n;
         do {
-            n = read(fd_, buf_.data() + end_, chunk_);
+            n = read(fd_, buf_.get() + end_, chunk_);
         } while (n < 0 && errno == EINTR);
         if (n <= 0) {
             if (n < 0) error_ = errno;
@@ -160,9 +160,21 @@ class LineReader {
         }
     }
 
+    // The buffer is left uninitialised: a maps file is read in 64 KB requests, and clearing
+    // that much for every process's few lines would cost more than reading them. It at least
+    // doubles, so a line of many reads is copied a bounded number of times over.
+    void Grow(size_t size) {
+        if (size < 2 * size_) size = 2 * size_;
+        std::unique_ptr<char[]> bigger(new char[size]);
+        if (end_ > 0) memcpy(bigger.get(), buf_.get(), end_);
+        buf_ = std::move(bigger);
+        size_ = size;
+    }
+
     int fd_;
     size_t chunk_;
-    std::vector<char> buf_;
+    std::unique_ptr<char[]> buf_;
+    size_t size_ = 0;
     size_t start_ = 0, end_ = 0;
     size_t scanned_ = 0;  // buf_[start_, scanned_) holds no newline
     bool eof_ = false;

@@ -14,6 +14,9 @@
 #   stderr-absent  optional: lines that must not appear in standard error (fixed strings)
 #   stdout-device  optional: a device standard output goes to instead (/dev/full); the golden
 #            stdout then holds only the command line
+#   stdout-closed  optional: standard output is a pipe whose reading end is already closed (a
+#            reader that went away, as in "quarrystat -u | head -1"); the golden stdout then
+#            holds only the command line
 #   tty      optional: standard output is a pseudo-terminal (script(1)); its line ends are
 #            turned back into newlines before the comparison
 #   as-limit optional: the tool's address-space limit in KiB (ulimit -v); a sanitizer build
@@ -54,6 +57,18 @@ if [ -f "$case_dir/tty" ]; then
   cmd=$(printf '%q ' "$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}")
   timeout 60 script -qec "$cmd 2>$(printf '%q' "$err")" /dev/null </dev/null | tr -d '\r' >"$out"
   status=${PIPESTATUS[0]}
+elif [ -f "$case_dir/stdout-closed" ]; then
+  # The reading end is closed before the tool starts, so its first write meets no reader, as
+  # after "| head -1" has read its line; the child starts with SIGPIPE at its default action.
+  # A death by signal N comes back as 128 + N, as a shell would show it.
+  python3 -c '
+import os, subprocess, sys
+r, w = os.pipe()
+os.close(r)
+rc = subprocess.call(sys.argv[1:], stdout=w)
+sys.exit(128 - rc if rc < 0 else rc)
+' "$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}" 2>"$err"
+  status=$?
 elif [ -f "$case_dir/stdout-device" ]; then
   "$top/scripts/run-in-tree.sh" "${opts[@]}" "$tree" "$binary" "${argv[@]}" \
     >"$(cat "$case_dir/stdout-device")" 2>"$err"

@@ -44,7 +44,9 @@
 
 namespace {
 
-constexpr size_t kMaxTreeBytes = 1 << 20;  // bounds what repetition can write per input
+// Bounds what repetition can write per input: room for a maps file beyond one 64 KB read, and
+// no more, since every byte written is parsed again by each pass of each walk.
+constexpr size_t kMaxTreeBytes = 96 << 10;
 constexpr unsigned long kMaxRepeat = 4096;
 
 // Relative path components, none empty, "." or "..", of a small alphabet; false otherwise.
@@ -83,11 +85,28 @@ bool TargetInTree(const std::vector<std::string>& link, std::string_view target)
     return true;
 }
 
-bool MakeParents(const std::string& root, const std::vector<std::string>& parts, size_t n) {
+// Everything BuildTree made for the current input, in the order it was made, so the next
+// input can take it away with one call per entry, the last made first. Sweeping the tree with
+// std::filesystem::remove_all costs several calls per entry and was a good part of the time
+// an input took.
+struct Made {
+    std::string path;
+    bool dir;
+};
+std::vector<Made> made_entries;
+
+// made: the directories this input has made so far, so each is made once, not once per entry.
+bool MakeParents(const std::string& root, const std::vector<std::string>& parts, size_t n,
+                 std::set<std::string>* made) {
     std::string path = root;
     for (size_t i = 0; i < n; i++) {
         path += "/" + parts[i];
-        if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        if (made->count(path)) continue;
+        if (mkdir(path.c_str(), 0755) == 0)
+            made_entries.push_back({path, true});
+        else if (errno != EEXIST)
+            return false;
+        made->insert(path);
     }
     return true;
 }
@@ -95,6 +114,7 @@ bool MakeParents(const std::string& root, const std::vector<std::string>& parts,
 void WriteFile(const std::string& path, std::string_view text, unsigned long repeat) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (fd < 0) return;
+    made_entries.push_back({path, false});  // a file written twice is removed once, then ENOENT
     std::string all;
     all.reserve(text.size() * repeat);
     for (unsigned long i = 0; i < repeat; i++) all.append(text);
@@ -108,7 +128,7 @@ void WriteFile(const std::string& path, std::string_view text, unsigned long rep
 
 // One "@@ " header and the text after it.
 void AddEntry(const std::string& root, std::string_view header, std::string_view text,
-              size_t* budget) {
+              size_t* budget, std::set<std::string>* made) {
     std::vector<std::string> parts;
     std::string_view path = header, target;
     unsigned long repeat = 1;
@@ -125,10 +145,12 @@ void AddEntry(const std::string& root, std::string_view header, std::string_view
     if (dir_only) path.remove_suffix(1);
     if (!SplitPath(path, &parts)) return;
     if (parts[0] != "proc" && parts[0] != "d" && parts[0] != "sys") return;
-    if (!MakeParents(root, parts, dir_only ? parts.size() : parts.size() - 1) || dir_only) return;
+    if (!MakeParents(root, parts, dir_only ? parts.size() : parts.size() - 1, made) || dir_only)
+        return;
     std::string full = root + "/" + std::string(path);
     if (arrow != std::string_view::npos) {
-        if (TargetInTree(parts, target)) (void)!symlink(std::string(target).c_str(), full.c_str());
+        if (TargetInTree(parts, target) && symlink(std::string(target).c_str(), full.c_str()) == 0)
+            made_entries.push_back({full, false});
         return;
     }
     if (text.size() * repeat > *budget) return;
@@ -156,14 +178,24 @@ void RemoveTree() {
 // goes at exit.
 void BuildTree(const uint8_t* data, size_t size) {
     static const std::string root = QUARRY_TREE_ROOT;
+    static bool swept = false;  // the first input sweeps what an earlier run may have left
     static const bool cleanup = (MountPrivateRoot(), atexit(RemoveTree) == 0);
     (void)cleanup;
+    for (auto it = made_entries.rbegin(); swept && it != made_entries.rend(); ++it) {
+        if ((it->dir ? rmdir(it->path.c_str()) : unlink(it->path.c_str())) != 0 && errno != ENOENT)
+            swept = false;
+    }
+    made_entries.clear();
     std::error_code ec;
-    // The root itself may be a mount point: empty it rather than remove it.
-    for (auto it = std::filesystem::directory_iterator(root, ec);
-         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
-        std::filesystem::remove_all(it->path(), ec);
-    std::filesystem::create_directories(root + "/proc", ec);
+    if (!swept) {
+        // The root itself may be a mount point: empty it rather than remove it.
+        for (auto it = std::filesystem::directory_iterator(root, ec);
+             !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+            std::filesystem::remove_all(it->path(), ec);
+        swept = true;
+    }
+    if (mkdir((root + "/proc").c_str(), 0755) == 0) made_entries.push_back({root + "/proc", true});
+    std::set<std::string> made = {root + "/proc"};
 
     std::string_view in(reinterpret_cast<const char*>(data), size);
     size_t budget = kMaxTreeBytes;
@@ -178,7 +210,7 @@ void BuildTree(const uint8_t* data, size_t size) {
         size_t next = in.find("\n@@ ", text_start == 0 ? 0 : text_start - 1);
         size_t text_end = next == std::string_view::npos ? in.size() : next + 1;
         if (text_end < text_start) text_end = text_start;
-        AddEntry(root, header, in.substr(text_start, text_end - text_start), &budget);
+        AddEntry(root, header, in.substr(text_start, text_end - text_start), &budget, &made);
         at = next == std::string_view::npos ? next : next + 1;
     }
 }
@@ -188,13 +220,10 @@ void BuildTree(const uint8_t* data, size_t size) {
 class QuietStdout {
   public:
     QuietStdout() {
+        static const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);  // kept for the run
         fflush(stdout);
         saved_ = dup(1);
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (null >= 0) {
-            dup2(null, 1);
-            close(null);
-        }
+        if (null >= 0) dup2(null, 1);
     }
     ~QuietStdout() {
         fflush(stdout);

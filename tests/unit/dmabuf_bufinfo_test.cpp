@@ -107,6 +107,14 @@ TEST(ParseDmabufBufinfo, Layouts) {
     EXPECT_EQ("linux,cma", stats.buffer_stats()[1].exporter_name);
     EXPECT_EQ(12u, stats.buffer_stats()[0].inode);  // zero padding is not octal
 
+    // 2^32 + 3 and 3 are two buffers: the inode is compared whole, not by its low 32 bits.
+    ASSERT_TRUE(ParseDmabufBufinfo(std::string(kHeader) +
+                                       "4096\t0\t0\t1\tsystem\t4294967299\t\n"
+                                       "8192\t0\t0\t1\tsystem\t3\t\n"
+                                       "Total 2 objects, 12288 bytes\n",
+                                   &stats, "t"));
+    EXPECT_EQ(2u, stats.total_count());
+
     // The largest inode there is.
     ASSERT_TRUE(ParseDmabufBufinfo(std::string(kHeader) +
                                        "4096\t0\t0\t1\tsystem\t18446744073709551615\t\n"
@@ -154,6 +162,10 @@ TEST(ParseDmabufBufinfo, RefusedTables) {
          "Unexpected object on line 1 of t", 0},
         {"object after the total", std::string(kHeader) + "Total 0 objects, 0 bytes\n" + kObjectA,
          "Unexpected object on line 5 of t", 0},
+        {"one inode twice", std::string(kHeader) + kObjectA + kObjectB + kObjectA,
+         "t lists inode 12 on lines 4 and 14: its buffers cannot be told apart by the processes' "
+         "references",
+         2},
         {"header without exp_name", "size\tflags\n", "Unable to parse the header on line 1 of t",
          0},
     };

@@ -97,17 +97,25 @@ TEST(ReadWithRetries, StillTreeReadsOnce) {
     EXPECT_EQ(1, m.reads);
 }
 
-TEST(ReadWithRetries, DamagedTreeGivesUpAfterBoundedReads) {
-    Moving m;
-    m.freed_on_failure = false;  // the size file is missing for good
-    EXPECT_EQ(-1, read_with_retries(ReadStats, &m, m.path().c_str()));
-    EXPECT_GT(m.reads, 1);
-    EXPECT_LE(m.reads, 20);
-
-    Moving n;
-    n.freed_on_failure = false;
-    EXPECT_EQ(-1, read_with_retries(ReadExported, &n, n.path().c_str()));
-    EXPECT_EQ(m.reads, n.reads);
+// A buffer directory without its size file, for good: each read fails on it the same way. The
+// failure is named once, not once per read, and then that the reads were given up.
+TEST(ReadWithRetries, DamagedTreeGivesUpAfterBoundedReadsSayingSoOnce) {
+    for (sysfs_read read : {ReadStats, ReadExported}) {
+        Moving m;
+        m.freed_on_failure = false;
+        LogCapture log;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(-1, read_with_retries(read, &m, m.path().c_str()));
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_GT(m.reads, 1);
+        EXPECT_LE(m.reads, 20);
+        EXPECT_EQ(std::vector<std::string>{"Unable to access " + m.path() +
+                                           "/2/size: No such file or directory"},
+                  log.messages());
+        EXPECT_EQ("quarrystat: gave up reading " + m.path() + " after " +
+                      std::to_string(m.reads) + " reads\n",
+                  err);
+    }
 }
 
 TEST(EscapeControls, EveryControlCharacterAndNothingElse) {
@@ -227,6 +235,53 @@ TEST(OutOfMemory, ReportsReturnNoMemoryAndSaySo) {
         }
         EXPECT_GT(failed_runs, 10) << "report " << report;
     }
+}
+
+// A buffer directory without its size file is met by both walks (a mapping of it) and by
+// every read of the statistics: each report names it once, then says it gave up.
+TEST(DamagedSysfs, EachReportNamesTheBufferOnce) {
+    TempTree tree;
+    std::filesystem::copy(std::string(QUARRY_SOURCE_DIR) + "/tests/fixtures/dmabuf-lab",
+                          tree.Root(),
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::copy_symlinks);
+    std::filesystem::remove(tree.Path("sys/kernel/dmabuf/buffers/3/size"));
+    for (int report = 0; report < 2; report++) {
+        ChildRun run = RunChrooted(tree.Root(), [&] {
+            return report == 0 ? show_unmapped_dmabuf() : parse_kernel_memory();
+        });
+        EXPECT_EQ(0, run.status);
+        const std::string line = "Unable to access /sys/kernel/dmabuf/buffers/3/size";
+        size_t first = run.err.find(line);
+        EXPECT_NE(std::string::npos, first) << run.err;
+        EXPECT_EQ(std::string::npos, run.err.find(line, first + 1)) << run.err;
+        EXPECT_NE(std::string::npos,
+                  run.err.find("quarrystat: gave up reading /sys/kernel/dmabuf/buffers after 10 "
+                               "reads\n"))
+            << run.err;
+    }
+}
+
+// On a kernel without the sysfs statistics -n reads the debug table; running out of memory
+// there names the table, not the sysfs total it no longer reads.
+TEST(OutOfMemory, BufinfoPathNamesTheTable) {
+    const std::string tree = std::string(QUARRY_SOURCE_DIR) + "/tests/fixtures/dmabuf-bufinfo";
+    bool named = false;
+    long allow = 0;
+    for (; allow < 4000; allow++) {
+        ChildRun run = RunChrooted(tree, [&] {
+            FailAllocationsAfter(allow);
+            int ret = parse_kernel_memory();
+            FailAllocationsAfter(-1);
+            return ret == -ENOMEM ? 10 : ret == 0 ? 0 : 3;
+        });
+        if (run.status == 0) break;
+        ASSERT_EQ(10, run.status) << "allow " << allow << ": " << run.err;
+        named |= run.err.find("quarrystat: out of memory: cannot allocate memory for the DMA-BUF "
+                              "table of /d/dma_buf/bufinfo\n") != std::string::npos;
+    }
+    EXPECT_LT(allow, 4000);
+    EXPECT_TRUE(named);
 }
 
 }  // namespace

@@ -26,6 +26,10 @@ LogSeverity SetMinimumLogSeverity(LogSeverity severity);
 using LogSink = std::function<void(LogSeverity severity, const char* file, unsigned line,
                                    const std::string& message)>;
 LogSink SetLogSink(LogSink sink);
+// What the default sink does: one line on standard error, "quarrystat: E file:line] message".
+// For a sink that filters messages and passes the rest on.
+void StderrLogSink(LogSeverity severity, const char* file, unsigned line,
+                   const std::string& message);
 
 class LogMessage {
   public:
