@@ -42,7 +42,7 @@ cp "$binary" root/lab/quarrystat
 # The clients share one helper for their buffers (lab_dmabuf.c).
 cc=(aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror)
 "${cc[@]}" -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c" "$here/guest/lab_dmabuf.c"
-cp "$here/guest/before_after.sh" root/lab/
+cp "$here/guest/before_after.sh" "$here/guest/record_leak.sh" "$top/snapshot/record.sh" root/lab/
 "${cc[@]}" -o root/lab/leak_client "$here/guest/leak_client.c" "$here/guest/lab_dmabuf.c"
 # The motion scenario: a churn client and its checks, run after the still ones.
 cp "$here/guest/motion.sh" root/lab/
@@ -141,5 +141,9 @@ done
 pair=$("$here/before_after.sh" console.txt "$binary" ${QUARRY_LAB_PAIR:+"$QUARRY_LAB_PAIR"})
 echo "$pair"
 passed=$((passed + $(grep -c '^ok ' <<<"$pair"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$pair")))
+# A recording while the client leaks, turned into the report's suspects on this host.
+rec=$("$here/record_leak.sh" console.txt "$binary")
+echo "$rec"
+passed=$((passed + $(grep -c '^ok ' <<<"$rec"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$rec")))
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -13,14 +13,16 @@
  *
  *   leak_client --every SECONDS COUNT FILE
  * is the slow leak a recording watches: every SECONDS it allocates one more buffer from the
- * system heap and holds it unmapped, COUNT times, rewriting FILE with one "leak <inode> <size>"
+ * system heap, names it "lab-leak" and holds it unmapped, COUNT times, rewriting FILE with one "leak <inode> <size>"
  * line per buffer so far after each; then it waits.
  */
 #define _GNU_SOURCE
+#include <linux/dma-buf.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -41,6 +43,9 @@ static int leak_slowly(const char *every, const char *count, const char *path)
 	for (i = 0; i < n; i++) {
 		int fd = heap_alloc(SYSTEM_HEAP, leak_len);
 
+		/* Named, as a real leak's buffers usually are by the code that allocates them. */
+		if (ioctl(fd, DMA_BUF_SET_NAME, "lab-leak") < 0)
+			die("DMA_BUF_SET_NAME");
 		used += snprintf(text + used, sizeof(text) - used, "leak %lu %zu\n", inode_of(fd),
 				 leak_len);
 		publish(path, text);
