@@ -25,7 +25,7 @@ pid=$(sed -n 's/^QUARRY-RECORD-CLIENT //p' "$console")
 holder="[$pid]leak_client"
 awk '$1 == "QUARRY-RECORD-BUFFER" { print $3 }' "$console" >"$work/leaked"
 sysfs=0
-tar -tzf "$rec/capture-0001.tar.gz" | grep -qx './sys/kernel/dmabuf/buffers/' && sysfs=1
+tar -tzf "$rec/capture-0001.tar.gz" | grep -x './sys/kernel/dmabuf/buffers/' >/dev/null && sysfs=1
 
 # Each capture says when it was taken, on one boot, in order, with the binary's version.
 /usr/bin/python3 - "$rec" <<'PY'

@@ -18,7 +18,7 @@ usage() {
 	echo "usage: capture.sh [-b BINARY] [--partial] OUTPUT.tar.gz" >&2
 	exit 2
 }
-binary= partial=0
+binary='' partial=0
 while [ $# -gt 0 ]; do
 	case $1 in
 	-b) [ $# -ge 2 ] || usage; binary=$2; shift 2 ;;
@@ -49,7 +49,7 @@ if command -v getprop >/dev/null 2>&1; then
 	model=$(getprop ro.product.model 2>/dev/null | one_line)
 	fingerprint=$(getprop ro.build.fingerprint 2>/dev/null | one_line)
 else
-	model= fingerprint=
+	model='' fingerprint=''
 fi
 [ -n "$model" ] || model=$(cat /proc/device-tree/model 2>/dev/null | one_line)
 release=$(uname -r 2>/dev/null | one_line)

@@ -22,7 +22,7 @@ usage() {
 number() {  # number TEXT: true when TEXT is a whole decimal number
 	case $1 in '' | *[!0-9]*) return 1 ;; esac
 }
-binary= margin_mb=64
+binary='' margin_mb=64
 while [ $# -gt 0 ]; do
 	case $1 in
 	-b) [ $# -ge 2 ] || usage; binary=$2; shift 2 ;;
@@ -67,11 +67,12 @@ free_kb() {  # free_kb DIR: kilobytes available to DIR's file system, or nothing
 		number "$avail" && { echo "$avail"; return; }
 	fi
 	# Some df builds need a mount table to name the file system; stat -f does not.
+	# shellcheck disable=SC2046
 	set -- $(stat -f -c '%a %S' "$target" 2>/dev/null)
 	[ $# = 2 ] && number "$1" && number "$2" && echo $(($1 * $2 / 1024))
 }
 
-child= tmp= taken=0
+child='' tmp='' taken=0
 stop() {
 	[ -z "$child" ] || { kill -TERM "$child" 2>/dev/null; wait "$child" 2>/dev/null; }
 	[ -z "$tmp" ] || rm -f "$tmp"

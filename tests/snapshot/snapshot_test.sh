@@ -175,7 +175,7 @@ capture-mksh)
   (cd "$root" && find . | LC_ALL=C sort) >"$work/after"
   diff "$work/before" "$work/after" | grep '^[<>]' >"$work/changed"
   [ "$(cat "$work/changed")" = "> ./out/capture.tar.gz" ] || fail "left behind: $(cat "$work/changed")"
-  tar -tzf "$root/out/capture.tar.gz" | grep -qx ./capture-info || fail "no ./capture-info in the capture"
+  tar -tzf "$root/out/capture.tar.gz" | grep -x ./capture-info >/dev/null || fail "no ./capture-info in the capture"
   # Every report on the capture is the report on the tree it was taken from.
   for mode in -s -n -u -k -p8b900000; do
     snapshot/replay.sh "$root/out/capture.tar.gz" "$binary" $mode >"$work/replayed" 2>/dev/null
@@ -226,7 +226,7 @@ capture-info)
   [ "$(tar -xzOf "$c" ./capture-info | wc -l)" = 11 ] || fail "not 11 lines: $(tar -xzOf "$c" ./capture-info)"
   # Without -b the key is absent; with a binary that cannot be read nothing is captured.
   timeout 60 chroot "$root" /bin/mksh /capture.sh /out/d.tar.gz 2>/dev/null || fail "capture.sh without -b failed"
-  tar -xzOf "$root/out/d.tar.gz" ./capture-info | grep -q '^binary_version=' && fail "binary_version without -b"
+  tar -xzOf "$root/out/d.tar.gz" ./capture-info | grep '^binary_version=' >/dev/null && fail "binary_version without -b"
   timeout 60 chroot "$root" /bin/mksh /capture.sh -b /nope /out/e.tar.gz 2>"$work/err"
   status=$?
   [ $status = 2 ] && grep -qx "capture: cannot read the binary /nope" "$work/err" || fail "-b /nope: status $status: $(cat "$work/err")"
