@@ -65,6 +65,11 @@ if [ -n "$binary" ]; then
 fi
 
 stage=$(mktemp -d "${TMPDIR:-/data/local/tmp}/quarry-capture.XXXXXX" 2>/dev/null || mktemp -d)
+# Without a staging folder every copy below would land on the device's own paths.
+if [ -z "$stage" ] || [ ! -d "$stage" ]; then
+	echo "capture: cannot make a staging folder in ${TMPDIR:-/data/local/tmp}" >&2
+	exit 1
+fi
 # Nothing but the archive stays on the device, however the script ends (a partial one neither).
 written=0 packer=
 trap 'rm -rf "$stage"; [ $written = 1 ] || rm -f "$out"' EXIT

@@ -24,7 +24,7 @@ device_root() {
   for tool in cat mkdir mktemp rm tar gzip tr sed head uname date df stat sleep mv wc kill; do
     ln -s busybox "$1/bin/$tool"
   done
-  mknod "$1/dev/null" c 1 3
+  mknod -m 666 "$1/dev/null" c 1 3
   cp snapshot/capture.sh snapshot/record.sh "$1/"
 }
 # info ARCHIVE KEY: the value of KEY in the capture's capture-info
@@ -233,8 +233,28 @@ capture-info)
   [ -e "$root/out/e.tar.gz" ] && fail "an archive for a missing binary"
   ;;
 capture-incomplete)
-  # A shell that cannot read /d (no root) and a device without the debug extension: the missing
-  # files are named, the status is 3 and no archive stays, unless --partial keeps it.
+  # A shell without root, where /d and the debug extension's tables are root's only: the files
+  # -s needs are named, the status is 3 and no archive stays.
+  root=$work/user
+  device_root "$root"
+  chmod 700 "$root/d" "$root/proc/debug_ext"
+  chmod 1777 "$root/out" "$root/data/local/tmp"
+  timeout 60 chroot --userspec=65534:65534 "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 3 ] || fail "without root: exit status $status, not 3: $(cat "$work/err")"
+  for f in /proc/debug_ext/mem_statis/reserved_memory_stat /d/memblock/memory /d/memblock/reserved; do
+    grep -qxF "capture: missing or empty: $f" "$work/err" || fail "without root: $f not named: $(cat "$work/err")"
+  done
+  [ -z "$(ls -A "$root/out")" ] && [ -z "$(ls -A "$root/data/local/tmp")" ] || fail "without root: left files"
+  # No staging folder (neither TMPDIR nor /tmp): it stops before copying anything anywhere.
+  (cd "$root" && find . -type f -exec md5sum {} + | LC_ALL=C sort) >"$work/before"
+  TMPDIR=/nowhere timeout 60 chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] && grep -qx "capture: cannot make a staging folder in /nowhere" "$work/err" ||
+    fail "without a staging folder: status $status: $(cat "$work/err")"
+  (cd "$root" && find . -type f -exec md5sum {} + | LC_ALL=C sort) | diff "$work/before" - ||
+    fail "without a staging folder it wrote into the device's own paths"
+  # A device without the tables at all: the same, and --partial keeps the archive.
   root=$work/root
   device_root "$root"
   rm -r "$root/d" "$root/proc/debug_ext"
