@@ -56,6 +56,9 @@ for f in "$dir"/capture-*.tar.gz; do
 	[ "$n" -gt "$last" ] && last=$n
 done
 
+# mksh's arithmetic is 32-bit: free space is reported up to this many KB (about 1.9 TB), which
+# is "plenty" for any margin.
+plenty=1999999999
 free_kb() {  # free_kb DIR: kilobytes available to DIR's file system, or nothing
 	target=$1
 	# df -k: "Filesystem 1K-blocks Used Available Use% Mounted-on", where a long device name
@@ -64,12 +67,22 @@ free_kb() {  # free_kb DIR: kilobytes available to DIR's file system, or nothing
 	set -- $(df -k "$target" 2>/dev/null | sed 1d)
 	if [ $# -ge 4 ]; then
 		eval "avail=\${$(($# - 2))}"
-		number "$avail" && { echo "$avail"; return; }
+		if number "$avail"; then
+			[ ${#avail} -lt 10 ] || avail=$plenty
+			echo "$avail"
+			return
+		fi
 	fi
 	# Some df builds need a mount table to name the file system; stat -f does not.
 	# shellcheck disable=SC2046
 	set -- $(stat -f -c '%a %S' "$target" 2>/dev/null)
-	[ $# = 2 ] && number "$1" && number "$2" && echo $(($1 * $2 / 1024))
+	[ $# = 2 ] && number "$1" && number "$2" && [ "$2" -ge 1024 ] && [ ${#2} -lt 10 ] || return
+	per_block=$(($2 / 1024))
+	if [ ${#1} -ge 10 ] || [ "$1" -gt $((plenty / per_block)) ]; then
+		echo $plenty
+	else
+		echo $(($1 * per_block))
+	fi
 }
 
 child='' tmp='' taken=0
