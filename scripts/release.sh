@@ -2,21 +2,24 @@
 # Builds the release archives from this tree:
 #   dist/quarrystat-VERSION-aarch64-linux.tar.gz   (devices)
 #   dist/quarrystat-VERSION-x86_64-linux.tar.gz    (x86-64 hosts, and replaying captures there)
-# each holding the static binary, the manual page, the capture script, a short README and
-# SHA256SUMS, all under quarrystat-VERSION-ARCH-linux/; dist/SHA256SUMS lists both archives. VERSION is the CMake project version,
-# which the binary also carries ("quarrystat version VERSION", for strings(1)).
-# Then it checks what it built: the checksums, the version in each binary, and each binary run
-# on the bundled sample snapshot (the arm64 one under user-mode emulation) against the golden
-# output of the sample's end-to-end cases. Archives are reproducible: names sorted, owner root,
-# times those of the last commit (or SOURCE_DATE_EPOCH).
+# each holding the static binary, the manual page, the capture script, a short README, VERSION
+# and SHA256SUMS, all under quarrystat-VERSION-ARCH-linux/, and
+#   dist/quarrystat-VERSION-host-scripts.tar.gz    (replay, compare and their modules, for hosts)
+# (release/host-archive.sh); dist/SHA256SUMS lists the three. VERSION is the CMake project
+# version, which the binary also carries ("quarrystat version VERSION", for strings(1)).
+# Then it checks what it built: the checksums, the version in each binary, each binary run on
+# the bundled sample snapshot (the arm64 one under user-mode emulation) against the golden
+# output of the sample's end-to-end cases, and the host scripts, unpacked, replaying a capture
+# of the sample with the released x86_64 binary. Archives are reproducible: names sorted, owner
+# root, times those of the last commit (or SOURCE_DATE_EPOCH).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 version=$(sed -n 's/^project(quarrystat VERSION \([0-9][0-9.]*\) .*/\1/p' CMakeLists.txt)
 [ -n "$version" ] || { echo "release.sh: no project version in CMakeLists.txt" >&2; exit 1; }
 epoch=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
 scripts/setup.sh cross
-scripts/build.sh default >/dev/null
-scripts/build.sh aarch64 >/dev/null
+scripts/build.sh --brief default
+scripts/build.sh --brief aarch64
 mkdir -p dist
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
@@ -33,9 +36,10 @@ for arch in x86_64 aarch64; do
   "$strip" -o "$dir/quarrystat" "$binary"
   cp man/quarrystat.1 snapshot/capture.sh "$dir/"
   sed "s/@VERSION@/$version/; s/@ARCH@/$arch/" release/README >"$dir/README"
+  echo "$version" >"$dir/VERSION"
   chmod 755 "$dir/quarrystat" "$dir/capture.sh"
-  chmod 644 "$dir/quarrystat.1" "$dir/README"
-  (cd "$dir" && sha256sum quarrystat quarrystat.1 capture.sh README >SHA256SUMS)
+  chmod 644 "$dir/quarrystat.1" "$dir/README" "$dir/VERSION"
+  (cd "$dir" && sha256sum quarrystat quarrystat.1 capture.sh README VERSION >SHA256SUMS)
   tar --sort=name --owner=0 --group=0 --numeric-owner --mtime="@$epoch" -C "$stage" -cf - "$name" |
     gzip -n -9 >"dist/$name.tar.gz"
 
@@ -52,5 +56,14 @@ for arch in x86_64 aarch64; do
   done
   echo "dist/$name.tar.gz  $(stat -c %s "dist/$name.tar.gz") bytes"
 done
-(cd dist && sha256sum "quarrystat-$version-x86_64-linux.tar.gz" "quarrystat-$version-aarch64-linux.tar.gz" >SHA256SUMS)
+
+host=$(release/host-archive.sh "$version" "$epoch" dist)
+# The sample snapshot packed as capture.sh packs a device: /d a folder, no descriptor links.
+tar -C sample/device --exclude=./proc/thread-self --exclude='./proc/*/fd' -czhf "$stage/sample.tar.gz" . &&
+  release/check-host-archive.sh "$host" "$stage/check-x86_64/quarrystat-$version-x86_64-linux/quarrystat" \
+    "$stage/sample.tar.gz" ||
+  { echo "release.sh: $host: its replay.sh does not replay the sample capture" >&2; status=1; }
+echo "$host  $(stat -c %s "$host") bytes"
+(cd dist && sha256sum "quarrystat-$version-x86_64-linux.tar.gz" "quarrystat-$version-aarch64-linux.tar.gz" \
+  "quarrystat-$version-host-scripts.tar.gz" >SHA256SUMS)
 exit $status

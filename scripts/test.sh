@@ -13,19 +13,19 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh fuzz cross valgrind lab
 for preset in default asan; do
   echo "=== $preset build"
-  scripts/build.sh "$preset" >/dev/null
+  scripts/build.sh --brief "$preset"
   echo "=== $preset tests"
   ctest --preset "$preset" -j "$(nproc)"
 done
 echo "=== arm64 build, end to end under emulation"
-scripts/build.sh aarch64 >/dev/null
+scripts/build.sh --brief aarch64
 QEMU=/usr/bin/qemu-aarch64-static scripts/e2e.sh build/aarch64/tool/quarrystat
 echo "=== release archives (the arm64 one checked under emulation)"
 scripts/release.sh
 echo "=== device lab"
 lab/run.sh build/aarch64/tool/quarrystat
 echo "=== end to end under valgrind"
-scripts/build.sh dynamic >/dev/null
+scripts/build.sh --brief dynamic
 VALGRIND=memcheck scripts/e2e.sh build/dynamic/tool/quarrystat
 echo "=== fuzz targets"
 scripts/fuzz.sh "${FUZZ_SECONDS:-20}"

@@ -1,25 +1,42 @@
 #!/usr/bin/env bash
 # Replays quarrystat on a capture made by capture.sh:
 #   snapshot/replay.sh [--drop-unsafe] CAPTURE.tar.gz BINARY [ARGS...]
+#   snapshot/replay.sh [--drop-unsafe] --reports OUTDIR CAPTURE.tar.gz BINARY
+# The first form runs the tool once with ARGS and ends with its status. The second unpacks the
+# capture once and runs -u, -n and -s on it, writing OUTDIR/MODE.out, MODE.err and MODE.status
+# for each (MODE u, n, s); it ends with 0 when all three ran, whatever their own statuses.
 # An arm64 binary runs under user-mode emulation (qemu-aarch64-static) on any other host.
 #
 # A capture may come from anyone's device. It is unpacked by unpack.py, which keeps folders and
 # regular files only and names on standard error every device node, FIFO, socket and link out of
 # the capture that it leaves out; a capture holding any of them is refused (status 3) unless
-# --drop-unsafe is given, which replays what is left. The tool runs in a chroot on a private
-# nodev,nosuid tmpfs (scripts/run-in-tree.sh), for at most QUARRY_REPLAY_SECONDS (default 120)
-# and with at most 1 GiB of data memory; a run stopped by the time limit exits with status 124.
+# --drop-unsafe is given, which replays what is left. A capture that does not end properly is
+# refused as truncated (status 4). The tool runs in a chroot on a private nodev,nosuid tmpfs
+# (scripts/run-in-tree.sh), for at most QUARRY_REPLAY_SECONDS (default 120) per run and with at
+# most 1 GiB of data memory; a run stopped by the time limit ends replay with status 124.
+# Status 2: the capture or the binary cannot be used (said in one line, before anything runs).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 here=$top/snapshot
-usage="usage: $0 [--drop-unsafe] CAPTURE.tar.gz BINARY [ARGS...]"
+usage="usage: $0 [--drop-unsafe] CAPTURE.tar.gz BINARY [ARGS...]
+       $0 [--drop-unsafe] --reports OUTDIR CAPTURE.tar.gz BINARY"
 lenient=0
-if [ "${1:-}" = --drop-unsafe ]; then lenient=1; shift; fi
+reports=""
+while [ $# -gt 0 ]; do
+  case $1 in
+    --drop-unsafe) lenient=1; shift ;;
+    --reports) [ $# -ge 2 ] || { echo "$usage" >&2; exit 2; }; reports=$2; shift 2 ;;
+    *) break ;;
+  esac
+done
+if [ -n "$reports" ]; then [ $# -eq 2 ] || { echo "$usage" >&2; exit 2; }; fi
 [ $# -ge 2 ] || { echo "$usage" >&2; exit 2; }
+[ -f "$1" ] || { echo "replay: no such capture: $1" >&2; exit 2; }
+"$here/check-binary.sh" "$2" || exit 2
+[ -z "$reports" ] || [ -d "$reports" ] || { echo "replay: no such folder: $reports" >&2; exit 2; }
 capture=$(realpath "$1")
 binary=$(realpath "$2")
 shift 2
-[ -f "$capture" ] || { echo "replay: no such capture: $1" >&2; exit 2; }
 seconds=${QUARRY_REPLAY_SECONDS:-120}
 tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
@@ -33,6 +50,7 @@ case $status in
         "--drop-unsafe replays it without them" >&2
       exit 3
     fi ;;
+  4) exit 4 ;;
   124) echo "replay: unpacking $capture took more than $seconds s; stopped" >&2; exit 124 ;;
   *) exit 2 ;;
 esac
@@ -43,11 +61,28 @@ fi
 # a sanitizer build reserves its shadow memory as data, so it runs with the time limit only.
 limit=(prlimit --data=$((1 << 30)))
 if [[ $(ldd "$binary" 2>/dev/null || true) == *libasan* ]]; then limit=(); fi
-set +e
-timeout -k 5 "$seconds" "${limit[@]}" "$top/scripts/run-in-tree.sh" "$tree" "$binary" "$@"
-status=$?
-if [ $status = 124 ] || [ $status = 137 ]; then
-  echo "replay: quarrystat did not finish within $seconds s on $capture; stopped" >&2
-  status=124
+run() {  # run ARGS...: the tool on the tree, bounded; its status
+  local status=0
+  timeout -k 5 "$seconds" "${limit[@]}" "$top/scripts/run-in-tree.sh" "$tree" "$binary" "$@" ||
+    status=$?
+  if [ $status = 124 ] || [ $status = 137 ]; then
+    echo "replay: quarrystat did not finish within $seconds s on $capture; stopped" >&2
+    status=124
+  fi
+  return $status
+}
+if [ -z "$reports" ]; then
+  set +e
+  run "$@"
+  exit $?
 fi
-exit $status
+for mode in u n s; do
+  status=0
+  run -$mode >"$reports/$mode.out" 2>"$reports/$mode.err" || status=$?
+  echo $status >"$reports/$mode.status"
+  if [ $status = 124 ]; then
+    cat "$reports/$mode.err" >&2
+    exit 124
+  fi
+done
+exit 0

@@ -2,8 +2,9 @@
 # Tests of the user's snapshot scripts (snapshot/): capture under mksh, replay of a hostile
 # capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
-# Cases: compare-lab-pair, compare-same, compare-unreadable, hostile, hostile-names, time-bound,
-# capture-mksh, capture-info, capture-incomplete, record-mksh, record-low-space.
+# Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
+# hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete, record-mksh,
+# record-low-space.
 set -uo pipefail
 top=$(cd "$(dirname "$0")/../.." && pwd)
 binary=$(realpath "$1")
@@ -108,6 +109,54 @@ EOF
   [ $(($(date +%s) - start)) -lt 60 ] || fail "took $(($(date +%s) - start)) s"
   [ -e "/tmp/$escape" ] && { rm -f "/tmp/$escape"; fail "a member was written outside the capture"; }
   [ -e /etc/evil ] && fail "a link was made outside the capture"
+  ;;
+compare-device-text)
+  # The lab pair with an exporter named "a|b" and a holder whose name retitles and clears a
+  # terminal: the facts keep their columns and the escape bytes arrive as text.
+  /usr/bin/python3 - "$pair/after.tar.gz" "$work/after.tar.gz" <<'PY'
+import io, sys, tarfile
+src, dst = sys.argv[1:]
+new = {"./sys/kernel/dmabuf/buffers/9/exporter_name": b"a|b\n",
+       "./proc/488/comm": b"evil\x1b]0;pwned\x07\x1b[2J\n"}
+with tarfile.open(src) as tin, tarfile.open(dst, "w:gz") as tout:
+    for m in tin:
+        data = tin.extractfile(m).read() if m.isreg() else None
+        if m.name in new:
+            data = new[m.name]; m.size = len(data)
+        tout.addfile(m, io.BytesIO(data) if data is not None else None)
+PY
+  snapshot/compare.sh $pair/before.tar.gz "$work/after.tar.gz" "$binary" >"$work/out" 2>"$work/err" ||
+    fail "exit status $?: $(cat "$work/err")"
+  grep -qxF 'dmabuf 9 became unmapped: 131072 bytes, a|b, held by [488]evil\x1b]0;pwned\x07\x1b[2J' "$work/out" ||
+    fail "$(cat -v "$work/out")"
+  grep -q $'\x1b\|\x07' "$work/out" "$work/err" && fail "a control byte reached the terminal"
+  ;;
+compare-binary)
+  # A binary that cannot run here is named once, before any capture is touched, with status 2.
+  check() {  # check WANT-MESSAGE COMMAND...
+    local want=$1; shift
+    "$@" >"$work/out" 2>"$work/err"
+    local status=$?
+    [ $status = 2 ] || fail "$* : exit status $status, not 2"
+    { [ "$want" = usage: ] || [ "$(wc -l <"$work/err")" = 1 ]; } && grep -qF "$want" "$work/err" ||
+      fail "$*: $(cat "$work/err")"
+    [ -s "$work/out" ] && fail "$*: printed $(cat "$work/out")"
+    return 0
+  }
+  for script in compare.sh replay.sh; do
+    args=($pair/before.tar.gz $pair/after.tar.gz)
+    [ $script = replay.sh ] && args=($pair/before.tar.gz)
+    check "no such binary: $work/nope" snapshot/$script "${args[@]}" "$work/nope"
+    # An arm64 program where the emulator is missing (an ELF header is all file(1) reads).
+    printf '\177ELF\2\1\1\0\0\0\0\0\0\0\0\0\2\0\267\0\1\0\0\0' >"$work/arm64"
+    head -c 40 /dev/zero >>"$work/arm64"
+    chmod 755 "$work/arm64"
+    QEMU=$work/no-qemu check "it runs through the user-mode emulator $work/no-qemu, which is missing (Debian package qemu-user-static" \
+      snapshot/$script "${args[@]}" "$work/arm64"
+  done
+  check "no such capture: nope.tar.gz" snapshot/replay.sh nope.tar.gz "$binary" -s
+  check "usage:" snapshot/replay.sh nope.tar.gz
+  check "usage:" snapshot/compare.sh nope.tar.gz
   ;;
 hostile-names)
   # Names that pass for two lines, or for a tar option, in a list of the tree: none may bring a

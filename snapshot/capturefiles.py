@@ -1,0 +1,107 @@
+"""What the host-side scripts take from a capture: the tool's reports, replayed by replay.sh with
+all its checks, and the few members no report prints (the capture's metadata, the memory table,
+the DMA-BUF debug table).
+"""
+import collections
+import os
+import subprocess
+import tarfile
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+MODES = ("u", "n", "s")
+# The metadata file capture.sh writes at the capture's root; older captures have none.
+INFO_MEMBER = "capture-info"
+INFO_LIMIT = 64 << 10
+INFO_VALUE_LIMIT = 4096
+
+Run = collections.namedtuple("Run", "status stdout stderr")
+
+
+class ReplayError(Exception):
+    """A capture replay.sh would not, or could not, replay: status 2 (unreadable capture or
+    binary), 3 (refused), 4 (truncated) or 124 (out of time), with replay's own messages."""
+
+    def __init__(self, status, message):
+        super().__init__(message)
+        self.status = status
+        self.message = message
+
+
+def _text(data):
+    # Device text keeps every byte: undecodable ones survive as surrogates for shown() and
+    # for the page's escaping.
+    return data.decode("utf-8", "surrogateescape")
+
+
+def check_binary(binary):
+    """Raises ReplayError(2) when BINARY cannot run on this host (missing, not executable, or an
+    arm64 program without its emulator)."""
+    p = subprocess.run([os.path.join(HERE, "check-binary.sh"), binary],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    if p.returncode != 0:
+        raise ReplayError(2, _text(p.stderr))
+
+
+def replay(capture, binary, drop_unsafe=False):
+    """The -u, -n and -s reports of a capture, from one unpacking: {mode: Run}."""
+    with tempfile.TemporaryDirectory(prefix="quarry-reports.") as out:
+        cmd = [os.path.join(HERE, "replay.sh")]
+        if drop_unsafe:
+            cmd.append("--drop-unsafe")
+        cmd += ["--reports", out, capture, binary]
+        p = subprocess.run(cmd, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                           stderr=subprocess.PIPE)
+        if p.returncode != 0:
+            raise ReplayError(p.returncode, _text(p.stderr))
+        runs = {}
+        for mode in MODES:
+            with open(os.path.join(out, mode + ".status")) as f:
+                status = int(f.read())
+            with open(os.path.join(out, mode + ".out"), "rb") as f:
+                stdout = _text(f.read())
+            with open(os.path.join(out, mode + ".err"), "rb") as f:
+                stderr = _text(f.read())
+            runs[mode] = Run(status, stdout, stderr)
+        # What replay.sh said while unpacking (members dropped with --drop-unsafe) belongs to
+        # the capture as a whole.
+        runs["replay"] = Run(0, "", _text(p.stderr))
+        return runs
+
+
+def _normal(name):
+    return "/".join(part for part in name.split("/") if part not in ("", "."))
+
+
+def read_member(capture, name, limit=16 << 20):
+    """The bytes of the regular file NAME in the capture, or None when it has none, or one
+    larger than LIMIT. The archive is read as a stream and never unpacked."""
+    want = _normal(name)
+    found = None
+    try:
+        with tarfile.open(capture, "r|*") as tar:
+            for m in tar:
+                if _normal(m.name) != want:
+                    continue
+                found = None  # a later member of the same name replaces an earlier one
+                if m.isreg() and m.size <= limit:
+                    found = tar.extractfile(m).read(limit + 1)
+    except (tarfile.TarError, OSError, EOFError):
+        return None
+    return found
+
+
+def parse_info(data):
+    """The key=value lines of a capture-info file, as a dict of str; bounded, never failing."""
+    info = {}
+    for line in _text(data[:INFO_LIMIT]).split("\n"):
+        key, sep, value = line.partition("=")
+        if sep and key and key not in info:
+            info[key] = value[:INFO_VALUE_LIMIT]
+    return info
+
+
+def read_info(capture):
+    """The capture's metadata (capture-info), {} for a capture without it."""
+    data = read_member(capture, INFO_MEMBER, INFO_LIMIT)
+    return parse_info(data) if data is not None else {}
