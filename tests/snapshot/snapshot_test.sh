@@ -22,7 +22,7 @@ device_root() {
   cp /usr/lib/klibc/bin/mksh "$1/bin/mksh"
   ln -s mksh "$1/bin/sh"
   cp /bin/busybox "$1/bin/busybox"
-  for tool in cat mkdir mktemp rm tar gzip tr sed head uname date df stat sleep mv wc kill; do
+  for tool in cat mkdir mktemp rm tar gzip tr sed grep head uname date df stat sleep mv wc kill; do
     ln -s busybox "$1/bin/$tool"
   done
   mknod -m 666 "$1/dev/null" c 1 3
