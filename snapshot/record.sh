@@ -94,15 +94,41 @@ stop() {
 }
 trap stop HUP INT TERM
 
+now_cs() {  # the boot clock in hundredths of a second (/proc/uptime), else whole wall seconds
+	up=''
+	[ -r /proc/uptime ] && read -r up _ 2>/dev/null </proc/uptime
+	case $up in
+	# Up to 115 days: hundredths of a second stay within mksh's 32-bit arithmetic.
+	[0-9] | [0-9][0-9] | [0-9][0-9][0-9] | [0-9][0-9][0-9][0-9] | [0-9][0-9][0-9][0-9][0-9] | \
+	[0-9][0-9][0-9][0-9][0-9][0-9] | [0-9][0-9][0-9][0-9][0-9][0-9][0-9]) up=$up.00 ;;
+	esac
+	case $up in
+	*.[0-9][0-9])
+		whole=${up%.*}
+		case $whole in ????????*) ;; *) echo $(( $(strip_zeros "$whole") * 100 + $(strip_zeros "${up#*.}") )); return ;; esac
+		;;
+	esac
+	echo $(( $(date +%s) * 100 ))
+}
+
+# A sleep without fractions of a second rounds each wait up to the next whole second.
+fractions=0
+sleep 0.01 2>/dev/null && fractions=1
 largest_kb=0
-started=$(date +%s)
+started=$(now_cs)
 i=0
 while [ "$count" = 0 ] || [ "$i" -lt "$count" ]; do
 	if [ "$i" -gt 0 ]; then
 		# Captures start every INTERVAL seconds from the first, whatever each took.
-		wait_s=$((started + i * interval - $(date +%s)))
-		if [ "$wait_s" -gt 0 ]; then
-			sleep "$wait_s" &
+		wait_cs=$((started + i * interval * 100 - $(now_cs)))
+		if [ "$wait_cs" -gt 0 ]; then
+			frac=$((wait_cs % 100))
+			[ ${#frac} = 2 ] || frac=0$frac
+			if [ $fractions = 1 ]; then
+				sleep "$((wait_cs / 100)).$frac" &
+			else
+				sleep $((wait_cs / 100 + 1)) &
+			fi
 			child=$!
 			wait "$child"
 			child=
