@@ -94,22 +94,33 @@ stop() {
 }
 trap stop HUP INT TERM
 
-now_cs() {  # the boot clock in hundredths of a second (/proc/uptime), else whole wall seconds
+uptime_cs() {  # the boot clock (/proc/uptime) in hundredths of a second, or nothing
 	up=''
 	[ -r /proc/uptime ] && read -r up _ 2>/dev/null </proc/uptime
 	case $up in
+	*.[0-9][0-9]) ;;
+	*) return ;;
+	esac
+	whole=${up%.*}
 	# Up to 115 days: hundredths of a second stay within mksh's 32-bit arithmetic.
-	[0-9] | [0-9][0-9] | [0-9][0-9][0-9] | [0-9][0-9][0-9][0-9] | [0-9][0-9][0-9][0-9][0-9] | \
-	[0-9][0-9][0-9][0-9][0-9][0-9] | [0-9][0-9][0-9][0-9][0-9][0-9][0-9]) up=$up.00 ;;
-	esac
-	case $up in
-	*.[0-9][0-9])
-		whole=${up%.*}
-		case $whole in ????????*) ;; *) echo $(( $(strip_zeros "$whole") * 100 + $(strip_zeros "${up#*.}") )); return ;; esac
-		;;
-	esac
-	echo $(( $(date +%s) * 100 ))
+	case $whole in '' | *[!0-9]* | ????????*) return ;; esac
+	echo $(( $(strip_zeros "$whole") * 100 + $(strip_zeros "${up#*.}") ))
 }
+if [ -n "$(uptime_cs)" ]; then
+	now_cs() { uptime_cs; }
+else
+	# Whole wall seconds only, counted from the recording's start (epoch seconds times 100 do
+	# not fit in 32 bits), which begins on a second's edge so that no two captures start closer
+	# than INTERVAL: at most a second's wait (20 naps).
+	wall_base=$(date +%s)
+	n=0
+	while [ "$(date +%s)" = "$wall_base" ] && [ $n -lt 20 ]; do
+		sleep 0.1 2>/dev/null || sleep 1
+		n=$((n + 1))
+	done
+	wall_base=$(date +%s)
+	now_cs() { echo $(( ($(date +%s) - wall_base) * 100 )); }
+fi
 
 # A sleep without fractions of a second rounds each wait up to the next whole second.
 fractions=0
