@@ -5,7 +5,7 @@
 # and checks that every report matches what the tool printed live.
 #   lab/run.sh [BINARY]      (default build/aarch64/tool/quarrystat)
 # Prints "N passed, N failed"; exits non-zero on any failure. The kernel is built once and
-# cached (lab/kernel/build.sh).
+# cached (lab/kernel/build.sh VERSION).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(dirname "$here")
@@ -16,10 +16,7 @@ cache=${QUARRY_LAB_CACHE:-/var/cache/quarrystat-lab}
 # Every check runs on both lab kernels: 6.1 with the DMA-BUF sysfs statistics, 6.12 without.
 [ -n "${QUARRY_LAB_KERNEL:-}" ] || exec "$here/kernels.sh" "$binary"
 start=$(date +%s)
-case $QUARRY_LAB_KERNEL in
-  6.12) image=$("$here/kernel/build-6.12.sh") ;;
-  *) image=$("$here/kernel/build.sh") ;;
-esac
+image=$("$here/kernel/build.sh" "$QUARRY_LAB_KERNEL")
 echo "lab: kernel $image ($(( $(date +%s) - start )) s)"
 
 work=$(mktemp -d)
@@ -42,12 +39,14 @@ cp "$busybox" root/bin/busybox
 cp "$here/guest/init" root/init
 cp "$here/guest/checks.sh" "$here/guest/checks_bufinfo.sh" "$here/guest/sysfs_hidden.sh" "$top/snapshot/capture.sh" root/lab/
 cp "$binary" root/lab/quarrystat
-aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c"
-cp "$here/guest/before_after.sh" root/lab/
-aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/leak_client "$here/guest/leak_client.c"
+# The clients share one helper for their buffers (lab_dmabuf.c).
+cc=(aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror)
+"${cc[@]}" -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c" "$here/guest/lab_dmabuf.c"
+cp "$here/guest/before_after.sh" "$here/guest/record_leak.sh" "$top/snapshot/record.sh" root/lab/
+"${cc[@]}" -o root/lab/leak_client "$here/guest/leak_client.c" "$here/guest/lab_dmabuf.c"
 # The motion scenario: a churn client and its checks, run after the still ones.
 cp "$here/guest/motion.sh" root/lab/
-aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror -o root/lab/churn_client "$here/guest/churn_client.c"
+"${cc[@]}" -o root/lab/churn_client "$here/guest/churn_client.c"
 chmod +x root/init root/lab/*
 (cd root && find . | cpio -o -H newc --quiet) >initrd.cpio
 
@@ -142,5 +141,9 @@ done
 pair=$("$here/before_after.sh" console.txt "$binary" ${QUARRY_LAB_PAIR:+"$QUARRY_LAB_PAIR"})
 echo "$pair"
 passed=$((passed + $(grep -c '^ok ' <<<"$pair"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$pair")))
+# A recording while the client leaks, turned into the report's suspects on this host.
+rec=$("$here/record_leak.sh" console.txt "$binary")
+echo "$rec"
+passed=$((passed + $(grep -c '^ok ' <<<"$rec"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$rec")))
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

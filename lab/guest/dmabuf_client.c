@@ -15,7 +15,6 @@
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <linux/dma-buf.h>
-#include <linux/dma-heap.h>
 #include <linux/udmabuf.h>
 #include <signal.h>
 #include <stdio.h>
@@ -23,47 +22,9 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-static void die(const char *what)
-{
-	perror(what);
-	exit(1);
-}
-
-static int heap_alloc(const char *heap, size_t len)
-{
-	struct dma_heap_allocation_data data = { .len = len, .fd_flags = O_RDWR | O_CLOEXEC };
-	int heap_fd = open(heap, O_RDONLY | O_CLOEXEC);
-
-	if (heap_fd < 0)
-		die(heap);
-	if (ioctl(heap_fd, DMA_HEAP_IOCTL_ALLOC, &data) < 0)
-		die("DMA_HEAP_IOCTL_ALLOC");
-	close(heap_fd);
-	return (int)data.fd;
-}
-
-static unsigned long inode_of(int fd)
-{
-	struct stat st;
-
-	if (fstat(fd, &st) < 0)
-		die("fstat");
-	return (unsigned long)st.st_ino;
-}
-
-static void *map(int fd, size_t len)
-{
-	void *p = mmap(NULL, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-
-	if (p == MAP_FAILED)
-		die("mmap");
-	return p;
-}
+#include "lab_dmabuf.h"
 
 static int udmabuf_alloc(size_t len)
 {
@@ -86,34 +47,12 @@ static int udmabuf_alloc(size_t len)
 	return fd;
 }
 
-/* Puts fd in flight on a socket pair nobody reads: the kernel holds the file, no process does. */
-static void park_in_socket(int fd)
-{
-	char byte = 0;
-	char control[CMSG_SPACE(sizeof(int))];
-	struct iovec iov = { .iov_base = &byte, .iov_len = 1 };
-	struct msghdr msg = { .msg_iov = &iov, .msg_iovlen = 1, .msg_control = control,
-			      .msg_controllen = sizeof(control) };
-	struct cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
-	int sv[2];
-
-	if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) < 0)
-		die("socketpair");
-	cmsg->cmsg_level = SOL_SOCKET;
-	cmsg->cmsg_type = SCM_RIGHTS;
-	cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-	memcpy(CMSG_DATA(cmsg), &fd, sizeof(int));
-	if (sendmsg(sv[0], &msg, 0) < 0)
-		die("sendmsg");
-	/* Both ends stay open and nobody reads: the queued message keeps the file alive. */
-}
-
 int main(int argc, char **argv)
 {
 	const size_t MiB = 1024 * 1024;
 	int report[2], held, held2, mapped_only, cma, kernel_only, named;
-	char line[256], tmp[256];
-	FILE *out;
+	char line[256], text[1024];
+	int len;
 	pid_t parent = getpid(), child;
 
 	if (argc != 2)
@@ -157,16 +96,15 @@ int main(int argc, char **argv)
 	}
 	close(report[1]);
 
-	/* Written aside and renamed, so a reader never sees half of it. */
-	snprintf(tmp, sizeof(tmp), "%s.tmp", argv[1]);
-	out = fopen(tmp, "w");
-	if (!out)
-		die(tmp);
-	fprintf(out, "sys-mapped-held %lu %u %d 1\n", inode_of(named), (unsigned)MiB, parent);
-	fprintf(out, "sys-held-only %lu %u %d 0\n", inode_of(held), 64 * 1024, parent);
-	fprintf(out, "sys-mapped-only %lu %u - 1\n", inode_of(mapped_only), 256 * 1024);
-	fprintf(out, "cma-held %lu %u %d,%d 0\n", inode_of(cma), 2 * (unsigned)MiB, parent, child);
-	fprintf(out, "kernel-only %lu %u kernel 0\n", inode_of(kernel_only), 32 * 1024);
+	len = snprintf(text, sizeof(text),
+		       "sys-mapped-held %lu %u %d 1\n"
+		       "sys-held-only %lu %u %d 0\n"
+		       "sys-mapped-only %lu %u - 1\n"
+		       "cma-held %lu %u %d,%d 0\n"
+		       "kernel-only %lu %u kernel 0\n",
+		       inode_of(named), (unsigned)MiB, parent, inode_of(held), 64 * 1024, parent,
+		       inode_of(mapped_only), 256 * 1024, inode_of(cma), 2 * (unsigned)MiB, parent,
+		       child, inode_of(kernel_only), 32 * 1024);
 	park_in_socket(kernel_only);
 	close(kernel_only);
 	close(mapped_only);
@@ -176,11 +114,9 @@ int main(int argc, char **argv)
 		if (n <= 0)
 			die("child report");
 		line[n] = '\0';
-		fputs(line, out);
 	}
-	fclose(out);
-	if (rename(tmp, argv[1]) < 0)
-		die("rename");
+	snprintf(text + len, sizeof(text) - len, "%s", line);
+	publish(argv[1], text);
 	for (;;)
 		pause();
 }

@@ -10,83 +10,50 @@
  *
  * It writes "<name> <inode> <size>" lines to the file given as argument once the first state is
  * set up, and the same for the second state to that name with ".after" appended, then waits.
+ *
+ *   leak_client --every SECONDS COUNT FILE
+ * is the slow leak a recording watches: every SECONDS it allocates one more buffer from the
+ * system heap, names it "lab-leak" and holds it unmapped, COUNT times, rewriting FILE with one "leak <inode> <size>"
+ * line per buffer so far after each; then it waits.
  */
 #define _GNU_SOURCE
-#include <fcntl.h>
-#include <linux/dma-heap.h>
+#include <linux/dma-buf.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-static void die(const char *what)
+#include "lab_dmabuf.h"
+
+#define SYSTEM_HEAP "/dev/dma_heap/system"
+
+static int leak_slowly(const char *every, const char *count, const char *path)
 {
-	perror(what);
-	exit(1);
-}
+	const size_t leak_len = 256 * 1024;
+	int seconds = atoi(every), n = atoi(count), i;
+	char text[4096];
+	size_t used = 0;
 
-static int heap_alloc(size_t len)
-{
-	struct dma_heap_allocation_data data = { .len = len, .fd_flags = O_RDWR | O_CLOEXEC };
-	int heap_fd = open("/dev/dma_heap/system", O_RDONLY | O_CLOEXEC);
+	/* A recording of a few minutes at most: more would outgrow the lines' buffer. */
+	if (seconds < 1 || n < 1 || n > 64)
+		return 2;
+	for (i = 0; i < n; i++) {
+		int fd = heap_alloc(SYSTEM_HEAP, leak_len);
 
-	if (heap_fd < 0)
-		die("/dev/dma_heap/system");
-	if (ioctl(heap_fd, DMA_HEAP_IOCTL_ALLOC, &data) < 0)
-		die("DMA_HEAP_IOCTL_ALLOC");
-	close(heap_fd);
-	return (int)data.fd;
-}
-
-static unsigned long inode_of(int fd)
-{
-	struct stat st;
-
-	if (fstat(fd, &st) < 0)
-		die("fstat");
-	return (unsigned long)st.st_ino;
-}
-
-/* Queues fd on a socket pair that nobody reads: the kernel keeps the file alive. */
-static void park_in_socket(int fd)
-{
-	char byte = 0;
-	char control[CMSG_SPACE(sizeof(int))];
-	struct iovec iov = { .iov_base = &byte, .iov_len = 1 };
-	struct msghdr msg = { .msg_iov = &iov, .msg_iovlen = 1, .msg_control = control,
-			      .msg_controllen = sizeof(control) };
-	struct cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
-	int sv[2];
-
-	if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) < 0)
-		die("socketpair");
-	cmsg->cmsg_level = SOL_SOCKET;
-	cmsg->cmsg_type = SCM_RIGHTS;
-	cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-	memcpy(CMSG_DATA(cmsg), &fd, sizeof(int));
-	if (sendmsg(sv[0], &msg, 0) < 0)
-		die("sendmsg");
-}
-
-/* Written aside and renamed, so a reader never sees half of it. */
-static void publish(const char *path, const char *text)
-{
-	char tmp[256];
-	FILE *out;
-
-	snprintf(tmp, sizeof(tmp), "%s.tmp", path);
-	out = fopen(tmp, "w");
-	if (!out)
-		die(tmp);
-	fputs(text, out);
-	fclose(out);
-	if (rename(tmp, path) < 0)
-		die("rename");
+		/* Named, as a real leak's buffers usually are by the code that allocates them. */
+		if (ioctl(fd, DMA_BUF_SET_NAME, "lab-leak") < 0)
+			die("DMA_BUF_SET_NAME");
+		used += snprintf(text + used, sizeof(text) - used, "leak %lu %zu\n", inode_of(fd),
+				 leak_len);
+		publish(path, text);
+		if (i + 1 < n)
+			sleep(seconds);
+	}
+	for (;;)
+		pause();
 }
 
 int main(int argc, char **argv)
@@ -98,18 +65,18 @@ int main(int argc, char **argv)
 	sigset_t usr1;
 	void *p;
 
+	if (argc == 5 && strcmp(argv[1], "--every") == 0)
+		return leak_slowly(argv[2], argv[3], argv[4]);
 	if (argc != 2)
 		return 2;
 	sigemptyset(&usr1);
 	sigaddset(&usr1, SIGUSR1);
 	sigprocmask(SIG_BLOCK, &usr1, NULL);
 
-	freed = heap_alloc(freed_len);
-	unmap = heap_alloc(unmap_len);
-	p = mmap(NULL, unmap_len, PROT_READ | PROT_WRITE, MAP_SHARED, unmap, 0);
-	if (p == MAP_FAILED)
-		die("mmap");
-	park = heap_alloc(park_len);
+	freed = heap_alloc(SYSTEM_HEAP, freed_len);
+	unmap = heap_alloc(SYSTEM_HEAP, unmap_len);
+	p = map(unmap, unmap_len);
+	park = heap_alloc(SYSTEM_HEAP, park_len);
 	snprintf(text, sizeof(text), "freed %lu %zu\nunmap %lu %zu\npark %lu %zu\n", inode_of(freed),
 		 freed_len, inode_of(unmap), unmap_len, inode_of(park), park_len);
 	publish(argv[1], text);
@@ -120,7 +87,7 @@ int main(int argc, char **argv)
 	munmap(p, unmap_len);
 	park_in_socket(park);
 	close(park);
-	leak = heap_alloc(leak_len);
+	leak = heap_alloc(SYSTEM_HEAP, leak_len);
 	snprintf(text, sizeof(text), "leak %lu %zu\n", inode_of(leak), leak_len);
 	snprintf(path, sizeof(path), "%s.after", argv[1]);
 	publish(path, text);

@@ -3,7 +3,8 @@
 # capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
 # Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
-# truncated, hostile, hostile-names, time-bound, capture-mksh.
+# truncated, hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete,
+# record-mksh, record-low-space.
 set -uo pipefail
 top=$(cd "$(dirname "$0")/../.." && pwd)
 binary=$(realpath "$1")
@@ -13,6 +14,22 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "FAIL $case_name: $*"; exit 1; }
 pair=tests/data/pair
+# device_root DIR: a root laid out like the sample device, with mksh as its sh and the busybox
+# tools a device's shell has, for running capture.sh and record.sh as a device does.
+device_root() {
+  mkdir -p "$1/bin" "$1/dev" "$1/data/local/tmp" "$1/out"
+  cp -a sample/device/. "$1/"
+  cp /usr/lib/klibc/bin/mksh "$1/bin/mksh"
+  ln -s mksh "$1/bin/sh"
+  cp /bin/busybox "$1/bin/busybox"
+  for tool in cat mkdir mktemp rm tar gzip tr sed grep head uname date df stat sleep mv wc kill; do
+    ln -s busybox "$1/bin/$tool"
+  done
+  mknod -m 666 "$1/dev/null" c 1 3
+  cp snapshot/capture.sh snapshot/record.sh "$1/"
+}
+# info ARCHIVE KEY: the value of KEY in the capture's capture-info
+info() { tar -xzOf "$1" ./capture-info | sed -n "s/^$2=//p"; }
 
 case $case_name in
 compare-lab-pair)
@@ -225,18 +242,13 @@ capture-mksh)
   # capture.sh as a device runs it: mksh and busybox tools in a root laid out like the sample
   # device. It must write the archive, leave nothing else, and carry what the tool reads.
   root=$work/root
-  mkdir -p "$root/bin" "$root/dev" "$root/data/local/tmp" "$root/out"
-  cp -a sample/device/. "$root/"
-  cp /usr/lib/klibc/bin/mksh "$root/bin/mksh"
-  cp /bin/busybox "$root/bin/busybox"
-  for tool in cat mkdir mktemp rm tar gzip; do ln -s busybox "$root/bin/$tool"; done
-  mknod "$root/dev/null" c 1 3
-  cp snapshot/capture.sh "$root/capture.sh"
+  device_root "$root"
   (cd "$root" && find . | LC_ALL=C sort) >"$work/before"
   timeout 60 chroot "$root" /bin/mksh /capture.sh /out/capture.tar.gz || fail "capture.sh under mksh: exit status $?"
   (cd "$root" && find . | LC_ALL=C sort) >"$work/after"
   diff "$work/before" "$work/after" | grep '^[<>]' >"$work/changed"
   [ "$(cat "$work/changed")" = "> ./out/capture.tar.gz" ] || fail "left behind: $(cat "$work/changed")"
+  tar -tzf "$root/out/capture.tar.gz" | grep -x ./capture-info >/dev/null || fail "no ./capture-info in the capture"
   # Every report on the capture is the report on the tree it was taken from.
   for mode in -s -n -u -k -p8b900000; do
     snapshot/replay.sh "$root/out/capture.tar.gz" "$binary" $mode >"$work/replayed" 2>/dev/null
@@ -251,10 +263,157 @@ capture-mksh)
   rm "$root/bin/tar"
   printf '#!/bin/mksh\necho partial >"$2"\nsleep 30\n' >"$root/bin/tar"
   chmod 755 "$root/bin/tar"
-  ln -s busybox "$root/bin/sleep"
   (cd "$root" && find . | LC_ALL=C sort) >"$work/before"
   timeout -s TERM 2 chroot "$root" /bin/mksh /capture.sh /out/stopped.tar.gz 2>/dev/null
   (cd "$root" && find . | LC_ALL=C sort) | diff "$work/before" - || fail "a stopped capture left files behind"
+  ;;
+capture-info)
+  # Where and when: each key from the device's own files, start before end, the binary's
+  # version read from the binary itself; device text stays one line per key.
+  root=$work/root
+  device_root "$root"
+  echo "8123.45 16000.10" >"$root/proc/uptime"
+  mkdir -p "$root/proc/sys/kernel/random" "$root/proc/device-tree"
+  echo 0b6f1c57-4d3e-4f8a-9c1d-2e7a5b3c9d10 >"$root/proc/sys/kernel/random/boot_id"
+  printf 'Lab board\nrev 2\0' >"$root/proc/device-tree/model"
+  cp "$binary" "$root/quarrystat"
+  before=$(date +%s)
+  timeout 60 chroot "$root" /bin/busybox sh /capture.sh -b /quarrystat /out/c.tar.gz 2>"$work/err" ||
+    fail "capture.sh under busybox: exit status $?: $(cat "$work/err")"
+  after=$(date +%s)
+  c=$root/out/c.tar.gz
+  [ "$(info "$c" format)" = 1 ] || fail "format: $(info "$c" format)"
+  [ "$(info "$c" kernel_release)" = "$(uname -r)" ] || fail "kernel_release: $(info "$c" kernel_release)"
+  [ "$(info "$c" kernel_version)" = "$(uname -v)" ] || fail "kernel_version: $(info "$c" kernel_version)"
+  [ "$(info "$c" model)" = "Lab board rev 2" ] || fail "model: $(info "$c" model | cat -v)"
+  [ "$(info "$c" fingerprint)" = "" ] || fail "a fingerprint without getprop"
+  [ "$(info "$c" boot_id)" = 0b6f1c57-4d3e-4f8a-9c1d-2e7a5b3c9d10 ] || fail "boot_id: $(info "$c" boot_id)"
+  [ "$(info "$c" uptime_start)" = 8123.45 ] && [ "$(info "$c" uptime_end)" = 8123.45 ] ||
+    fail "uptime: $(info "$c" uptime_start) $(info "$c" uptime_end)"
+  ws=$(info "$c" wall_start) we=$(info "$c" wall_end)
+  [ "$before" -le "$ws" ] && [ "$ws" -le "$we" ] && [ "$we" -le "$after" ] ||
+    fail "wall clock $ws..$we outside $before..$after"
+  want=$(grep -ao 'quarrystat version [0-9][0-9.]*' "$binary" | head -1)
+  [ -n "$want" ] && [ "quarrystat version $(info "$c" binary_version)" = "$want" ] ||
+    fail "binary_version: $(info "$c" binary_version), the binary says $want"
+  [ "$(tar -xzOf "$c" ./capture-info | wc -l)" = 11 ] || fail "not 11 lines: $(tar -xzOf "$c" ./capture-info)"
+  # Without -b the key is absent; with a binary that cannot be read nothing is captured.
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/d.tar.gz 2>/dev/null || fail "capture.sh without -b failed"
+  tar -xzOf "$root/out/d.tar.gz" ./capture-info | grep '^binary_version=' >/dev/null && fail "binary_version without -b"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh -b /nope /out/e.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 2 ] && grep -qx "capture: cannot read the binary /nope" "$work/err" || fail "-b /nope: status $status: $(cat "$work/err")"
+  [ -e "$root/out/e.tar.gz" ] && fail "an archive for a missing binary"
+  ;;
+capture-incomplete)
+  # A shell without root, where /d and the debug extension's tables are root's only: the files
+  # -s needs are named, the status is 3 and no archive stays.
+  root=$work/user
+  device_root "$root"
+  chmod 700 "$root/d" "$root/proc/debug_ext"
+  chmod 1777 "$root/out" "$root/data/local/tmp"
+  timeout 60 chroot --userspec=65534:65534 "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 3 ] || fail "without root: exit status $status, not 3: $(cat "$work/err")"
+  for f in /proc/debug_ext/mem_statis/reserved_memory_stat /d/memblock/memory /d/memblock/reserved; do
+    grep -qxF "capture: missing or empty: $f" "$work/err" || fail "without root: $f not named: $(cat "$work/err")"
+  done
+  [ -z "$(ls -A "$root/out")" ] && [ -z "$(ls -A "$root/data/local/tmp")" ] || fail "without root: left files"
+  # No staging folder (neither TMPDIR nor /tmp): it stops before copying anything anywhere.
+  (cd "$root" && find . -type f -exec md5sum {} + | LC_ALL=C sort) >"$work/before"
+  TMPDIR=/nowhere timeout 60 chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] && grep -qx "capture: cannot make a staging folder in /nowhere" "$work/err" ||
+    fail "without a staging folder: status $status: $(cat "$work/err")"
+  (cd "$root" && find . -type f -exec md5sum {} + | LC_ALL=C sort) | diff "$work/before" - ||
+    fail "without a staging folder it wrote into the device's own paths"
+  # A device without the tables at all: the same, and --partial keeps the archive.
+  root=$work/root
+  device_root "$root"
+  rm -r "$root/d" "$root/proc/debug_ext"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 3 ] || fail "exit status $status, not 3"
+  for f in /proc/debug_ext/mem_statis/reserved_memory_stat /d/memblock/memory /d/memblock/reserved; do
+    grep -qxF "capture: missing or empty: $f" "$work/err" || fail "$f not named: $(cat "$work/err")"
+  done
+  grep -q "missing or empty: /proc/meminfo" "$work/err" && fail "named /proc/meminfo, which is there"
+  [ -e "$root/out/c.tar.gz" ] && fail "kept an incomplete capture without --partial"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh --partial /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 3 ] && [ -s "$root/out/c.tar.gz" ] || fail "--partial: status $status, archive: $(ls "$root/out")"
+  # Processes whose maps are empty (kernel threads; others' maps without root) count as none.
+  for m in "$root"/proc/[0-9]*/maps; do : >"$m"; done
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/d.tar.gz 2>"$work/err"
+  grep -qxF "capture: missing or empty: /proc/<pid>/maps" "$work/err" || fail "maps not named: $(cat "$work/err")"
+  ;;
+record-mksh)
+  # A recording: COUNT captures INTERVAL seconds apart, numbered on after an earlier run; a TERM
+  # while a capture is being packed leaves only the complete ones and ends at once.
+  root=$work/root
+  device_root "$root"
+  mkdir -p "$root/rec"
+  cp "$binary" "$root/quarrystat"
+  timeout 60 chroot "$root" /bin/mksh /record.sh -b /quarrystat 1 3 /rec 2>"$work/err" ||
+    fail "record.sh under mksh: exit status $?: $(cat "$work/err")"
+  timeout 60 chroot "$root" /bin/busybox sh /record.sh 1 1 /rec 2>>"$work/err" ||
+    fail "record.sh under busybox: exit status $?: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec" | tr '\n' ' ')" = "capture-0001.tar.gz capture-0002.tar.gz capture-0003.tar.gz capture-0004.tar.gz " ] ||
+    fail "the folder holds: $(ls -A "$root/rec")"
+  prev=
+  for c in "$root"/rec/capture-000[123].tar.gz; do
+    [ -n "$(info "$c" binary_version)" ] || fail "${c##*/} without the binary's version"
+    ws=$(info "$c" wall_start)
+    [ -z "$prev" ] || [ "$ws" -ge $((prev + 1)) ] || fail "${c##*/} began $((ws - prev)) s after the one before"
+    prev=$ws
+  done
+  snapshot/replay.sh "$root/rec/capture-0002.tar.gz" "$binary" -s >"$work/replayed" 2>/dev/null
+  scripts/run-in-tree.sh sample/device "$binary" -s >"$work/direct" 2>/dev/null
+  diff "$work/direct" "$work/replayed" || fail "-s differs on a recorded capture"
+  # A tar that has begun its archive and takes long: TERM comes while it packs.
+  rm "$root/bin/tar"
+  printf '#!/bin/mksh\necho partial >"$2"\nexec sleep 30\n' >"$root/bin/tar"
+  chmod 755 "$root/bin/tar"
+  chroot "$root" /bin/mksh /record.sh 1 5 /rec >/dev/null 2>"$work/err" &
+  pid=$!
+  for _ in $(seq 100); do
+    ls -A "$root/rec" | grep -q '^\.capture-0005\.tar\.gz\.part$' && break
+    sleep 0.1
+  done
+  start=$(date +%s)
+  kill -TERM $pid
+  wait $pid
+  status=$?
+  [ $(($(date +%s) - start)) -lt 5 ] || fail "took $(($(date +%s) - start)) s to stop"
+  [ $status = 0 ] || fail "stopped: exit status $status: $(cat "$work/err")"
+  grep -qx "record: stopped after 0 captures in /rec" "$work/err" || fail "message: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec" | wc -l)" = 4 ] || fail "left behind: $(ls -A "$root/rec")"
+  [ "$(ls -A "$root/data/local/tmp")" = "" ] || fail "a staging folder left behind"
+  ;;
+record-low-space)
+  # A target with little room: nothing at all below the default margin (64 MB); with a 1 MB
+  # margin, the recording stops by itself before a capture would cut into it.
+  root=$work/root
+  device_root "$root"
+  mkdir -p "$root/rec"
+  mount -t tmpfs -o size=4m quarry-rec "$root/rec" || fail "cannot mount a tmpfs"
+  trap 'umount -l "$root/rec"; rm -rf "$work"' EXIT
+  echo "quarry-rec /rec tmpfs rw 0 0" >"$root/proc/mounts"
+  timeout 60 chroot "$root" /bin/mksh /record.sh 1 3 /rec 2>"$work/err"
+  status=$?
+  [ $status = 4 ] || fail "exit status $status, not 4: $(cat "$work/err")"
+  grep -q "^record: stopping after 0 captures: [0-9]* KB free in /rec, the next capture needs 65536 KB (64 MB kept free)$" \
+    "$work/err" || fail "message: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec")" = "" ] || fail "wrote $(ls -A "$root/rec")"
+  # With a 1 MB margin and 16 KB more free, the first capture fits; the next counts as ten
+  # times the first (the staging copy is uncompressed) and would cut into the margin.
+  avail=$(df -k --output=avail "$root/rec" | tail -1)
+  dd if=/dev/zero of="$root/rec/filler" bs=1k count=$((avail - 1024 - 16)) 2>/dev/null
+  timeout 60 chroot "$root" /bin/busybox sh /record.sh -m 1 1 5 /rec 2>"$work/err"
+  status=$?
+  [ $status = 4 ] || fail "-m 1: exit status $status, not 4: $(cat "$work/err")"
+  grep -q "^record: stopping after 1 captures: " "$work/err" || fail "message: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec" | tr '\n' ' ')" = "capture-0001.tar.gz filler " ] || fail "the folder holds: $(ls -A "$root/rec")"
   ;;
 *)
   fail "no such case"
