@@ -107,9 +107,12 @@ for p in /proc/[0-9]*; do
 	copy "$p/comm"
 	# The fd links are not kept: a replayed tree cannot hold links to the buffers themselves.
 	# The tool follows them only for descriptors whose fdinfo lacks "ino:" (kernels before 5.14).
+	# Only a descriptor whose fdinfo has an "exp_name:" line is a DMA-BUF buffer to the tool, so
+	# only those are kept: the reports read the same, and a phone's tens of thousands of other
+	# descriptors would make the capture, and every replay of it, several times slower.
 	mkdir -p "$stage$p/fdinfo"
-	for f in "$p"/fdinfo/*; do
-		[ -e "$f" ] && copy "$f"
+	for f in $(grep -l 'exp_name:' "$p"/fdinfo/* 2>/dev/null); do
+		copy "$f"
 	done
 done
 # An empty buffers folder is a device without buffers; a missing one, a kernel without the folder.

@@ -1,11 +1,10 @@
 """What the host-side scripts take from a capture: the tool's reports, replayed by replay.sh with
-all its checks, and the few members no report prints (the capture's metadata, the memory table,
-the DMA-BUF debug table).
+all its checks, and the few files no report prints (the capture's metadata, the memory table,
+the DMA-BUF debug table), taken from the same unpacking.
 """
 import collections
 import os
 import subprocess
-import tarfile
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -14,6 +13,8 @@ MODES = ("u", "n", "s")
 INFO_MEMBER = "capture-info"
 INFO_LIMIT = 64 << 10
 INFO_VALUE_LIMIT = 4096
+# The files replay.sh copies out beside the reports.
+FILES = (INFO_MEMBER, "d/memblock/memory", "d/dma_buf/bufinfo")
 
 Run = collections.namedtuple("Run", "status stdout stderr")
 
@@ -44,7 +45,9 @@ def check_binary(binary):
 
 
 def replay(capture, binary, drop_unsafe=False):
-    """The -u, -n and -s reports of a capture, from one unpacking: {mode: Run}."""
+    """The -u, -n and -s reports of a capture, from one unpacking: {mode: Run}, with "replay"
+    for what replay.sh said and "files" for the capture's own files ({name: bytes or None},
+    names as in FILES)."""
     with tempfile.TemporaryDirectory(prefix="quarry-reports.") as out:
         cmd = [os.path.join(HERE, "replay.sh")]
         if drop_unsafe:
@@ -66,29 +69,14 @@ def replay(capture, binary, drop_unsafe=False):
         # What replay.sh said while unpacking (members dropped with --drop-unsafe) belongs to
         # the capture as a whole.
         runs["replay"] = Run(0, "", _text(p.stderr))
+        runs["files"] = {}
+        for name in FILES:
+            try:
+                with open(os.path.join(out, "files", name), "rb") as f:
+                    runs["files"][name] = f.read()
+            except OSError:
+                runs["files"][name] = None
         return runs
-
-
-def _normal(name):
-    return "/".join(part for part in name.split("/") if part not in ("", "."))
-
-
-def read_member(capture, name, limit=16 << 20):
-    """The bytes of the regular file NAME in the capture, or None when it has none, or one
-    larger than LIMIT. The archive is read as a stream and never unpacked."""
-    want = _normal(name)
-    found = None
-    try:
-        with tarfile.open(capture, "r|*") as tar:
-            for m in tar:
-                if _normal(m.name) != want:
-                    continue
-                found = None  # a later member of the same name replaces an earlier one
-                if m.isreg() and m.size <= limit:
-                    found = tar.extractfile(m).read(limit + 1)
-    except (tarfile.TarError, OSError, EOFError):
-        return None
-    return found
 
 
 def parse_info(data):
@@ -101,7 +89,7 @@ def parse_info(data):
     return info
 
 
-def read_info(capture):
-    """The capture's metadata (capture-info), {} for a capture without it."""
-    data = read_member(capture, INFO_MEMBER, INFO_LIMIT)
+def info_of(runs):
+    """The metadata of a replayed capture (replay()'s result), {} for a capture without it."""
+    data = runs["files"][INFO_MEMBER]
     return parse_info(data) if data is not None else {}

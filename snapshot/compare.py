@@ -16,7 +16,7 @@ TAGS = dict(factlib.REPORTS)
 def load(capture, binary, drop_unsafe):
     """The parsed reports of one capture, with their exit statuses."""
     runs = capturefiles.replay(capture, binary, drop_unsafe)
-    side = {"status": {}}
+    side = {"status": {}, "info": capturefiles.info_of(runs)}
     for mode in capturefiles.MODES:
         side[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
         side["status"][mode] = runs[mode].status
@@ -127,7 +127,7 @@ def main(argv):
             sys.stderr.write(e.message)
             print(f"compare: cannot replay {shown(capture)}", file=sys.stderr)
             return e.status
-    infos = [capturefiles.read_info(c) for c in (before, after)]
+    infos = [side["info"] for side in sides]
     out = header((before, after), infos) + fact_lines(factlib.compare(*sides))
     sys.stdout.write("".join(line + "\n" for line in out))
     return 0

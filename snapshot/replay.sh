@@ -4,7 +4,10 @@
 #   snapshot/replay.sh [--drop-unsafe] --reports OUTDIR CAPTURE.tar.gz BINARY
 # The first form runs the tool once with ARGS and ends with its status. The second unpacks the
 # capture once and runs -u, -n and -s on it, writing OUTDIR/MODE.out, MODE.err and MODE.status
-# for each (MODE u, n, s); it ends with 0 when all three ran, whatever their own statuses.
+# for each (MODE u, n, s); it ends with 0 when all three ran, whatever their own statuses. It
+# also copies out the few files of the capture that no report prints, when the capture holds
+# them as regular files (at most 16 MiB each): OUTDIR/files/capture-info (the capture's
+# metadata), files/d/memblock/memory and files/d/dma_buf/bufinfo.
 # An arm64 binary runs under user-mode emulation (qemu-aarch64-static) on any other host.
 #
 # A capture may come from anyone's device. It is unpacked by unpack.py, which keeps folders and
@@ -80,6 +83,12 @@ if [ -z "$reports" ]; then
   run "$@"
   exit $?
 fi
+for f in capture-info d/memblock/memory d/dma_buf/bufinfo; do
+  if [ -f "$tree/$f" ] && [ ! -L "$tree/$f" ] && [ "$(stat -c %s "$tree/$f")" -le $((16 << 20)) ]; then
+    mkdir -p "$(dirname "$reports/files/$f")"
+    cp "$tree/$f" "$reports/files/$f"
+  fi
+done
 # One copy of the tree serves the three reports, each bounded on its own.
 status=0
 QUARRY_RUN_SECONDS=$seconds timeout -k 5 $((4 * seconds)) "${limit[@]}" \

@@ -16,7 +16,6 @@ import json
 import os
 import re
 import sys
-import tarfile
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -51,32 +50,9 @@ def clean(text):
     return re.sub("[\udc80-\udcff]", lambda m: "\\x%02x" % (ord(m.group()) - 0xdc00), text)
 
 
-# The members a page reads from a capture besides its reports.
+# The files a page reads from a capture besides its reports (replay.sh copies them out).
 MEMORY = "d/memblock/memory"
 BUFINFO = "d/dma_buf/bufinfo"
-MEMBER_LIMIT = 16 << 20
-
-
-def read_members(capture):
-    """The memory table, the bufinfo table and the capture-info of a capture, in ONE pass over
-    the archive: {name: bytes or None}. Same rules as capturefiles.read_member (regular files
-    only, at most MEMBER_LIMIT bytes, a later member of the same name wins), but a phone's
-    capture holds tens of thousands of members and each pass over them costs seconds."""
-    want = {MEMORY: MEMBER_LIMIT, BUFINFO: MEMBER_LIMIT,
-            capturefiles.INFO_MEMBER: capturefiles.INFO_LIMIT}
-    found = dict.fromkeys(want)
-    try:
-        with tarfile.open(capture, "r|*") as tar:
-            for m in tar:
-                name = capturefiles._normal(m.name)
-                if name not in want:
-                    continue
-                found[name] = None
-                if m.isreg() and m.size <= want[name]:
-                    found[name] = tar.extractfile(m).read(want[name] + 1)
-    except (tarfile.TarError, OSError, EOFError):
-        return dict.fromkeys(want)
-    return found
 
 
 def lines_shown(text):
@@ -116,15 +92,14 @@ def _clean_tree(value):
     return value
 
 
-def capture_entry(path, binary, drop_unsafe, members):
+def capture_entry(path, binary, drop_unsafe):
     """Replays one capture and parses its three reports; raises Refused."""
     try:
         runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, unhosted(e.message, path))
-    raw_info = members[capturefiles.INFO_MEMBER]
-    info = {k: v[:INFO_VALUE_LIMIT] for k, v in
-            (capturefiles.parse_info(raw_info) if raw_info is not None else {}).items()}
+    members = runs["files"]
+    info = {k: v[:INFO_VALUE_LIMIT] for k, v in capturefiles.info_of(runs).items()}
     table = members[BUFINFO]
     names = bufinfo.parse(table)
     u = reporttext.parse_unmapped(runs["u"].stdout)
@@ -138,6 +113,7 @@ def capture_entry(path, binary, drop_unsafe, members):
         "messages": {m: unhosted(runs[m].stderr, path).splitlines()[:MESSAGE_LINES]
                      for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(members[MEMORY]),
+        "memory_table": members[MEMORY],
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
         "unmapped": u,
@@ -214,14 +190,11 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         capturefiles.check_binary(binary)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, e.message.strip())
-    members = [read_members(f) for f in files]
-    if len(files) > 1:
-        same_device(files, [m[MEMORY] for m in members])
     captures, left_out = [], []
     last_refusal = None
-    for f, m in zip(files, members):
+    for f in files:
         try:
-            captures.append(capture_entry(f, binary, drop_unsafe, m))
+            captures.append(capture_entry(f, binary, drop_unsafe))
         except Refused as e:
             last_refusal = e
             reason = lines_shown(e.message)
@@ -231,6 +204,9 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
             left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
     if not captures:
         raise Refused(last_refusal.status if last_refusal else 2, "no capture could be replayed")
+    tables = [c.pop("memory_table") for c in captures]
+    if len(captures) > 1:
+        same_device([c["file"] for c in captures], tables)
     if recording:
         order = series.time_order([(c["file"], c["time"]) for c in captures])
         captures = [captures[i] for i in order]
