@@ -4,7 +4,8 @@
 # gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers); each process's maps
 # file is cut to its first MAPS_LINES lines (its /dmabuf lines kept), EXTRA_BUFFERS more buffers
 # are exported and held without a mapping (about 3000 in all), and the sample's memory files
-# are added so every report has something to say. CAPTURES captures a minute apart follow, each
+# are added so every report has something to say; as capture.sh does, only the fdinfo files of
+# DMA-BUF descriptors are kept. CAPTURES captures a minute apart follow, each
 # with one more leaked buffer. report.py then makes the page, the JSON and the trace on one
 # core (taskset -c 0); the script prints the time and the sizes.
 set -euo pipefail
@@ -36,6 +37,12 @@ for pid in pids:
     keep = lines[:maps_lines] + [l for l in lines[maps_lines:] if b"/dmabuf" in l]
     with open(path, "wb") as f:
         f.writelines(keep)
+    # capture.sh keeps only the fdinfo files of DMA-BUF descriptors.
+    fdinfo = os.path.join(tree, "proc", str(pid), "fdinfo")
+    for fd in os.listdir(fdinfo):
+        with open(os.path.join(fdinfo, fd), "rb") as f:
+            if b"exp_name:" not in f.read():
+                os.unlink(os.path.join(fdinfo, fd))
 
 def buffer(root, inode, size, exporter, pid, fd):
     d = os.path.join(root, "sys/kernel/dmabuf/buffers/%d" % inode)

@@ -1,7 +1,6 @@
 """report.py end to end on small captures (the built tool replays them), and the page's
 drawing of what the tool could not say or did not add up."""
 import html
-import io
 import json
 import os
 import re
