@@ -406,9 +406,12 @@ def recording_sections(doc):
         out.append('<p id="suspects">No buffer became unmapped and stayed so.</p>')
     if sus["growth"]:
         out.append('<table id="growth"><thead><tr><th>Grouped by</th><th>Key</th><th class=n>First KB</th>'
-                   '<th class=n>Last KB</th><th class=n>KB per minute</th></tr></thead><tbody>%s</tbody></table>' % "".join(
-                       "<tr><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+.1f</td></tr>" % (
-                           text(g["by"]), text(g["key"]), g["first_kb"], g["last_kb"], g["kb_per_minute"])
+                   '<th class=n>Last KB</th><th class=n>KB per minute</th><th class=n>Buffers</th></tr></thead>'
+                   '<tbody>%s</tbody></table>' % "".join(
+                       "<tr><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+.1f</td>"
+                       "<td class=n>%s</td></tr>" % (
+                           text(g["by"]), text(g["key"]), g["first_kb"], g["last_kb"], g["kb_per_minute"],
+                           "%d &rarr; %d" % (g["first_count"], g["last_count"]) if "first_count" in g else "")
                        for g in sus["growth"]))
     else:
         out.append("<p>No exporter, holder or buffer name holds more unmapped bytes at the end than at the start.</p>")

@@ -75,6 +75,14 @@ def _grouped(table, by):
     return sums
 
 
+def _named_counts(table):
+    counts = {}
+    for row in table["rows"]:
+        if row.get("name"):
+            counts[row["name"]] = counts.get(row["name"], 0) + 1
+    return counts
+
+
 def build(captures):
     """The series of a recording: per capture, None where the capture cannot say."""
     tables = [_table(c) for c in captures]
@@ -86,6 +94,10 @@ def build(captures):
         keys = sorted({k for p in per if p for k in p})
         out["by_" + by] = {k: [(p.get(k, 0) // 1024 if p is not None else None) for p in per]
                            for k in keys}
+    # How many unmapped buffers carry each name: a leak shows as ever more of one name.
+    counts = [_named_counts(t) if t else None for t in tables]
+    out["count_by_name"] = {k: [(c.get(k, 0) if c is not None else None) for c in counts]
+                            for k in sorted({k for c in counts if c for k in c})}
     counters = {}
     for i, c in enumerate(captures):
         n = c.get("kmem")
@@ -131,8 +143,12 @@ def suspects(captures, series):
             (i0, first), (i1, last_kb) = known[0], known[-1]
             minutes = (elapsed_s[i1] - elapsed_s[i0]) / 60.0
             if last_kb > first and minutes > 0:
-                growth.append({"by": by, "key": key, "first_kb": first, "last_kb": last_kb,
-                               "kb_per_minute": round((last_kb - first) / minutes, 3)})
+                grew = {"by": by, "key": key, "first_kb": first, "last_kb": last_kb,
+                        "kb_per_minute": round((last_kb - first) / minutes, 3)}
+                if by == "name":
+                    counts = series["count_by_name"][key]
+                    grew["first_count"], grew["last_count"] = counts[i0], counts[i1]
+                growth.append(grew)
     growth.sort(key=lambda g: -g["kb_per_minute"])
     return {"buffers": buffers, "growth": growth}
 

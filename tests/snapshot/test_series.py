@@ -48,6 +48,12 @@ class Suspects(unittest.TestCase):
         self.assertEqual(set(growth), {("exporter", "system"), ("holder", "[900]svc"), ("name", "G:screenshot")})
         g = growth[("holder", "[900]svc")]
         self.assertEqual((g["first_kb"], g["last_kb"], g["kb_per_minute"]), (0, 14016, 3504.0))
+        # A name also says how many buffers carry it: a leak is ever more of one name.
+        caps[4]["unmapped"]["rows"].append(row(7, 14352384, "system", (900, "svc"), name="G:screenshot"))
+        g = {(g["by"], g["key"]): g for g in series.suspects(caps, series.build(caps))["growth"]}
+        self.assertEqual((g[("name", "G:screenshot")]["first_count"], g[("name", "G:screenshot")]["last_count"]),
+                         (0, 2))
+        self.assertNotIn("first_count", g[("exporter", "system")])
 
     def test_a_gap_or_a_capture_without_a_table_restarts_the_streak(self):
         present = [True, True, False, True, True]
