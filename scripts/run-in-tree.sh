@@ -76,11 +76,16 @@ if ldd "$binary" >/dev/null 2>&1; then
   dynamic=1
   copy_libs "$binary"
 fi
+# The tree is prepared before the tool's own /proc entries are bound in, so that a script that
+# changes proc/*/maps meets only the tree's processes.
+if [ -n "$prepare" ]; then
+  (cd "$root" && bash "$prepare")
+fi
 # A sanitizer build (and valgrind) needs the process's own /proc entries: its options come from
 # /proc/self/environ, and the leak check stops the process through /proc/self/task. The shell
 # below execs the tool under the same pid, so that pid's real entries are bound into the tree's
 # /proc. The tool then meets one more process, itself, which holds no DMA-BUF buffers.
-if [ "$dynamic" = 1 ] && [ ! -e "$root/proc/self" ] && [ ! -e "$root/proc/$$" ]; then
+if [ -z "$each" ] && [ "$dynamic" = 1 ] && [ ! -e "$root/proc/self" ] && [ ! -e "$root/proc/$$" ]; then
   mkdir -p "$root/proc/$$"
   mount --bind "/proc/$$" "$root/proc/$$"
   ln -s "$$" "$root/proc/self"
@@ -105,9 +110,6 @@ if [ -n "$qemu" ]; then
   cp "$qemu" "$root/qemu-user"
   cmd=(/qemu-user /quarrystat)
 fi
-if [ -n "$prepare" ]; then
-  (cd "$root" && bash "$prepare")
-fi
 # A coverage build writes its counters (.gcda) to absolute paths under its build directory;
 # QUARRY_GCOV_DIR names that directory, bound at the same path so the counters reach the host.
 if [ -n "${QUARRY_GCOV_DIR:-}" ]; then
@@ -123,12 +125,29 @@ as_user=()
 # QUARRY_AS_LIMIT_KB: an address-space limit, to make the tool run out of memory.
 [ -z "${QUARRY_AS_LIMIT_KB:-}" ] || ulimit -v "$QUARRY_AS_LIMIT_KB"
 if [ -n "$each" ]; then
-  # Several reports on one copy: a large tree is copied once, not once per report.
+  # Several reports on one copy: a large tree is copied once, not once per report. Each runs
+  # from a shell of its own that execs it, so that a sanitizer build finds its own /proc
+  # entries under that shell's pid, as above, taken away again after the run.
+  bind=0
+  [ "$dynamic" = 1 ] && [ ! -e "$root/proc/self" ] && bind=1
   for option in "$@"; do
     name=${option##*-}
     status=0
-    timeout -k 5 "${QUARRY_RUN_SECONDS:-120}" chroot "${as_user[@]}" "$root" "${cmd[@]}" "$option" \
+    timeout -k 5 "${QUARRY_RUN_SECONDS:-120}" bash -c '
+      root=$1 bind=$2 pidfile=$3
+      shift 3
+      if [ "$bind" = 1 ] && [ ! -e "$root/proc/$$" ]; then
+        echo $$ >"$pidfile"
+        mkdir -p "$root/proc/$$"
+        mount --bind "/proc/$$" "$root/proc/$$"
+        ln -s "$$" "$root/proc/self"
+      fi
+      exec chroot "$@"' run "$root" "$bind" "$each/.pid" "${as_user[@]}" "$root" "${cmd[@]}" "$option" \
       >"$each/$name.out" 2>"$each/$name.err" </dev/null || status=$?
+    if [ -f "$each/.pid" ]; then
+      pid=$(cat "$each/.pid")
+      umount "$root/proc/$pid" && rmdir "$root/proc/$pid" && rm -f "$root/proc/self" "$each/.pid"
+    fi
     [ $status != 137 ] || status=124
     echo $status >"$each/$name.status"
   done
