@@ -110,8 +110,8 @@ if [ -n "$(uptime_cs)" ]; then
 	now_cs() { uptime_cs; }
 else
 	# Whole wall seconds only, counted from the recording's start (epoch seconds times 100 do
-	# not fit in 32 bits), which begins on a second's edge so that no two captures start closer
-	# than INTERVAL: at most a second's wait (20 naps).
+	# not fit in 32 bits), which begins on a second's edge (at most a second's wait, 20 naps).
+	# At a second's resolution two captures can start up to a second closer than INTERVAL.
 	wall_base=$(date +%s)
 	n=0
 	while [ "$(date +%s)" = "$wall_base" ] && [ $n -lt 20 ]; do
