@@ -6,13 +6,18 @@
 #   run-in-tree.sh --each OUTDIR TREE BINARY OPTION...
 #
 # The tree is copied into a private tmpfs in name order, so directory listings come back in the
-# same order on every run; the original is never touched. A dynamically linked binary (the
+# same order on every run; the original is never touched (unless --in-place says it is already
+# such a copy). A dynamically linked binary (the
 # sanitizer build) gets its shared libraries copied in beside it. With QEMU set to a static
 # user-mode emulator, a foreign binary runs through it inside the tree. With VALGRIND set to
 # "memcheck", a dynamically linked binary runs under valgrind, which is copied in as well; its
 # report goes to VALGRIND_LOG (a host path) if set, else to standard error.
 #   --user UID       run as that uid (to meet files the tool may not read); needs real root
 #   --prepare SCRIPT run SCRIPT with the copy as working directory before the tool starts
+#   --in-place       TREE is already the tool's private root: a nodev,nosuid tmpfs of the caller's
+#                    own mount namespace, made in name order (replay.sh unpacks a capture so).
+#                    No namespace, tmpfs or copy is made; the tool, and what it needs to run,
+#                    are added to TREE itself
 #   --each OUTDIR    run the tool once per OPTION (such as -u) on the one copy, each for at most
 #                    QUARRY_RUN_SECONDS (default 120; status 124 when stopped), writing
 #                    OUTDIR/NAME.out, NAME.err and NAME.status, NAME being the option without
@@ -23,11 +28,13 @@ set -euo pipefail
 user=""
 prepare=""
 each=""
+in_place=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --user) user=$2; shift 2 ;;
     --prepare) prepare=$(realpath "$2"); shift 2 ;;
     --each) each=$(realpath "$2"); shift 2 ;;
+    --in-place) in_place=1; shift ;;
     *) break ;;
   esac
 done
@@ -37,14 +44,18 @@ binary=$(realpath "$2")
 shift 2
 [ -d "$tree" ] || { echo "$0: no such tree: $tree" >&2; exit 2; }
 
-root=$(mktemp -d /tmp/quarry-tree.XXXXXX)
-trap 'rmdir "$root" 2>/dev/null || true' EXIT
-
-if [ "$(id -u)" -eq 0 ]; then
-  ns=(unshare -m)
+if [ $in_place = 1 ]; then
+  root=$tree
+  ns=()
 else
-  ns=(unshare -Urm)
-  [ -z "$user" ] || { echo "$0: --user needs root" >&2; exit 2; }
+  root=$(mktemp -d /tmp/quarry-tree.XXXXXX)
+  trap 'rmdir "$root" 2>/dev/null || true' EXIT
+  if [ "$(id -u)" -eq 0 ]; then
+    ns=(unshare -m)
+  else
+    ns=(unshare -Urm)
+    [ -z "$user" ] || { echo "$0: --user needs root" >&2; exit 2; }
+  fi
 fi
 
 vglog=""
@@ -53,16 +64,19 @@ if [ -n "${VALGRIND:-}" ]; then
   chmod 777 "$vglog"
 fi
 set +e
-"${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$each" "$@" <<'INNER'
+"${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$each" \
+  "$in_place" "$@" <<'INNER'
 set -euo pipefail
-tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7 each=$8
-shift 8
-mount -t tmpfs -o mode=755,nodev,nosuid quarry-tree "$root"
-# The list is NUL-separated and taken verbatim: a name may hold a newline, and a line of it
-# may read "-C"; neither may make tar take a second name, or an option, from it.
-(cd "$tree" && find . -mindepth 1 -print0 | LC_ALL=C sort -z |
-  tar -c --no-recursion --null --verbatim-files-from -T - -f -) |
-  tar -x -p -f - -C "$root"
+tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7 each=$8 in_place=$9
+shift 9
+if [ "$in_place" = 0 ]; then
+  mount -t tmpfs -o mode=755,nodev,nosuid quarry-tree "$root"
+  # The list is NUL-separated and taken verbatim: a name may hold a newline, and a line of it
+  # may read "-C"; neither may make tar take a second name, or an option, from it.
+  (cd "$tree" && find . -mindepth 1 -print0 | LC_ALL=C sort -z |
+    tar -c --no-recursion --null --verbatim-files-from -T - -f -) |
+    tar -x -p -f - -C "$root"
+fi
 cp "$binary" "$root/quarrystat"
 # Shared libraries and the loader of a dynamic program, at their own paths.
 copy_libs() {

@@ -14,9 +14,10 @@
 # regular files only and names on standard error every device node, FIFO, socket and link out of
 # the capture that it leaves out; a capture holding any of them is refused (status 3) unless
 # --drop-unsafe is given, which replays what is left. A capture that does not end properly is
-# refused as truncated (status 4). The tool runs in a chroot on a private nodev,nosuid tmpfs
-# (scripts/run-in-tree.sh), for at most QUARRY_REPLAY_SECONDS (default 120) per run and with at
-# most 1 GiB of data memory; a run stopped by the time limit ends replay with status 124.
+# refused as truncated (status 4). The tool runs in a chroot on the tmpfs the capture was
+# unpacked to (scripts/run-in-tree.sh --in-place), for at most QUARRY_REPLAY_SECONDS (default
+# 120) per run and with at most 1 GiB of data memory; a run stopped by the time limit ends
+# replay with status 124.
 # Status 2: the capture or the binary cannot be used (said in one line, before anything runs).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -41,14 +42,25 @@ capture=$(realpath "$1")
 binary=$(realpath "$2")
 shift 2
 seconds=${QUARRY_REPLAY_SECONDS:-120}
-# Unpacked in memory where the host has a shared-memory tmpfs: a capture is tens of thousands of
-# small files, and a disk makes writing and removing them several times slower.
-tmp=${TMPDIR:-/tmp}
-[ -d /dev/shm ] && [ -w /dev/shm ] && tmp=/dev/shm
-tree=$(mktemp -d "$tmp/quarry-replay.XXXXXX")
-trap 'rm -rf "$tree"' EXIT
+# The capture is unpacked onto a tmpfs of replay's own (nodev, nosuid), in a mount namespace of
+# its own, and the tool runs in it where it lies: no copy is made, and the whole tree is gone
+# with the namespace when replay ends, however it ends.
+mnt=$(mktemp -d "${TMPDIR:-/tmp}/quarry-replay.XXXXXX")
+trap 'rmdir "$mnt"' EXIT
+if [ "$(id -u)" -eq 0 ]; then ns=(unshare -m); else ns=(unshare -Urm); fi
 status=0
-timeout -k 5 "$seconds" /usr/bin/python3 "$here/unpack.py" "$capture" "$tree" || status=$?
+"${ns[@]}" bash -s -- "$top" "$mnt" "$lenient" "$seconds" "$reports" "$capture" "$binary" "$@" \
+  <<'INNER' || status=$?
+set -euo pipefail
+top=$1 mnt=$2 lenient=$3 seconds=$4 reports=$5 capture=$6 binary=$7
+shift 7
+mount -t tmpfs -o mode=755,nodev,nosuid quarry-replay "$mnt"
+tree=$mnt/tree
+status=0
+# unpack.py makes each folder's entries in name order, as a copy of a tree is made: the tool
+# lists folders in the order they were made.
+timeout -k 5 "$seconds" /usr/bin/python3 "$top/snapshot/unpack.py" "$capture" \
+  "$tree" </dev/null || status=$?
 case $status in
   0) ;;
   3)
@@ -68,20 +80,15 @@ fi
 # a sanitizer build reserves its shadow memory as data, so it runs with the time limit only.
 limit=(prlimit --data=$((1 << 30)))
 if [[ $(ldd "$binary" 2>/dev/null || true) == *libasan* ]]; then limit=(); fi
-run() {  # run ARGS...: the tool on the tree, bounded; its status
-  local status=0
-  timeout -k 5 "$seconds" "${limit[@]}" "$top/scripts/run-in-tree.sh" "$tree" "$binary" "$@" ||
-    status=$?
+if [ -z "$reports" ]; then
+  status=0
+  timeout -k 5 "$seconds" "${limit[@]}" "$top/scripts/run-in-tree.sh" --in-place "$tree" \
+    "$binary" "$@" </dev/null || status=$?
   if [ $status = 124 ] || [ $status = 137 ]; then
     echo "replay: quarrystat did not finish within $seconds s on $capture; stopped" >&2
     status=124
   fi
-  return $status
-}
-if [ -z "$reports" ]; then
-  set +e
-  run "$@"
-  exit $?
+  exit $status
 fi
 for f in capture-info d/memblock/memory d/dma_buf/bufinfo; do
   if [ -f "$tree/$f" ] && [ ! -L "$tree/$f" ] && [ "$(stat -c %s "$tree/$f")" -le $((16 << 20)) ]; then
@@ -89,10 +96,11 @@ for f in capture-info d/memblock/memory d/dma_buf/bufinfo; do
     cp "$tree/$f" "$reports/files/$f"
   fi
 done
-# One copy of the tree serves the three reports, each bounded on its own.
+# The three reports run on the one tree, each bounded on its own.
 status=0
 QUARRY_RUN_SECONDS=$seconds timeout -k 5 $((4 * seconds)) "${limit[@]}" \
-  "$top/scripts/run-in-tree.sh" --each "$reports" "$tree" "$binary" -u -n -s || status=$?
+  "$top/scripts/run-in-tree.sh" --in-place --each "$reports" "$tree" "$binary" -u -n -s \
+  </dev/null || status=$?
 for mode in u n s; do
   [ -f "$reports/$mode.status" ] && [ "$(cat "$reports/$mode.status")" != 124 ] || status=124
 done
@@ -101,3 +109,5 @@ if [ $status != 0 ]; then
   exit 124
 fi
 exit 0
+INNER
+exit $status

@@ -13,15 +13,22 @@ said so once. Hard links become copies of a regular file met earlier. No member 
 written through a link: links are made last, and each is checked again once all are in place.
 DEST is expected empty: a regular file already there counts as one of the capture's.
 
-The archive (gzip'd or plain tar) is read a bounded piece at a time, never whole nor a whole
-member at once, and refused past the bounds below, each far above what a real capture needs:
-a long name or link name over PATH_MAX, an extended header over 1 MiB, more than 500,000
-members, more than 1 GiB written to disk, more than 256 symbolic links.
+The whole archive is read before anything is made, and each folder's entries are then made in
+byte order of their names. On a tmpfs a folder lists its entries in the order they were made,
+so the tool meets the same order on every replay of a capture, whatever order the device's tar
+wrote them in: the order of a tree copied in name order, without a copy. The files' data waits
+in memory, up to MAX_HELD bytes, and past that in files of a folder beside DEST
+(DEST.unpacking-PID), removed at the end.
+
+The archive (gzip'd or plain tar) is read a bounded piece at a time and refused past the bounds
+below, each far above what a real capture needs: a long name or link name over PATH_MAX, an
+extended header over 1 MiB, more than 500,000 members, more than 1 GiB of files, more than 256
+symbolic links.
 
 Exit status: 0 when everything was kept, 3 when something was dropped (the rest is unpacked),
 2 when the archive cannot be read or exceeds a bound, 4 when it is truncated (a gzip stream
 cut short, a member cut short, or a tar stream without its two end-of-archive blocks); after
-2 and 4, DEST holds a partial tree that the caller removes.
+2, DEST may hold a partial tree that the caller removes.
 """
 import collections
 import errno
@@ -40,10 +47,13 @@ PATH_MAX = 4096
 MAX_PAX = 1 << 20
 # The benchmark's large synthetic device (1000 processes, 64 descriptors each, 2000 buffers)
 # captures as about 70,000 members and 300 MB of maps text, and its largest scale (4x) as
-# 280,000 members; a real capture is a few MB. A member takes 0.06 ms (tmpfs) to 0.3 ms (a
-# busy disk) to unpack: the member bound is 30 s to 150 s, past which replay's time limit acts.
+# 280,000 members; a real capture is a few MB. A member takes about 0.02 ms to unpack onto a
+# tmpfs, and 0.4 KB of memory until all are read: at the bound, 10 s and about 220 MB.
 MAX_MEMBERS = 500_000
 MAX_WRITTEN = 1 << 30
+# The data of the files, held until the archive has been read whole: a real capture is a few
+# MB, the phone-scale benchmark's about 35 MB.
+MAX_HELD = 64 << 20
 # capture.sh writes no links at all; each one is checked again whenever another is removed.
 MAX_LINKS = 256
 # Past this many "dropped" lines the rest are counted only.
@@ -56,6 +66,7 @@ MAX_TRAILER = 1 << 20
 MAX_STREAM = MAX_WRITTEN + MAX_MEMBERS * 1024
 
 BLOCK = 512
+END_BLOCK = bytes(BLOCK)
 REGULAR = (b"0", b"\0", b"7")          # "7" (contiguous) is a regular file everywhere else
 NO_DATA = (b"1", b"2", b"3", b"4", b"5", b"6")
 KINDS = {
@@ -118,7 +129,8 @@ class Stream:
         self.pending = f.read(2)
         self.gzip = self.pending == b"\x1f\x8b"
         self.unzip = zlib.decompressobj(16 + zlib.MAX_WBITS) if self.gzip else None
-        self.buf = bytearray()
+        self.buf = b""           # decompressed, read up to pos
+        self.pos = 0
         self.total = 0
         self.cut = False        # the gzip stream ended before its trailer
         self.closing = False    # the archive has ended: only the current gzip member is left
@@ -167,13 +179,16 @@ class Stream:
 
     def read(self, n):
         """The next n bytes (n at most MAX_PAX); Cut when the stream ends first."""
-        while len(self.buf) < n and self._more():
-            pass
-        if len(self.buf) < n:
-            self.buf.clear()
-            raise Cut()
-        out = bytes(self.buf[:n])
-        del self.buf[:n]
+        end = self.pos + n
+        if end > len(self.buf):
+            self.buf, self.pos, end = self.buf[self.pos:], 0, n
+            while len(self.buf) < n and self._more():
+                pass
+            if len(self.buf) < n:
+                self.buf = b""
+                raise Cut()
+        out = self.buf[self.pos:end]
+        self.pos = end
         self.total += n
         if self.total > MAX_STREAM:
             raise Refused(2, f"replay: {shown(self.label)} unpacks to more than "
@@ -184,9 +199,9 @@ class Stream:
         """Reads what follows the end of the archive, to see the gzip stream end whole."""
         self.closing = True
         left = MAX_TRAILER
-        while self.buf or self._more():
-            left -= len(self.buf)
-            self.buf.clear()
+        while len(self.buf) > self.pos or self._more():
+            left -= len(self.buf) - self.pos
+            self.buf, self.pos = b"", 0
             if left < 0:
                 raise Refused(2, f"replay: {shown(self.label)} holds more than "
                                  f"{MAX_TRAILER >> 20} MiB after its archive; not a capture")
@@ -210,7 +225,7 @@ def text(field):
 
 def checksum_ok(block):
     stored = octal(block[148:156])
-    unsigned = sum(block[:148]) + sum(block[156:]) + 8 * 0x20
+    unsigned = sum(block) - sum(block[148:156]) + 8 * 0x20
     if stored == unsigned:
         return True
     # Some old writers summed the bytes as signed chars.
@@ -251,7 +266,7 @@ def members(stream, label):
             if first and not stream.cut:
                 raise Refused(2, f"replay: cannot unpack {shown(label)}: not a tar archive")
             raise
-        if block == bytes(BLOCK):
+        if block == END_BLOCK:
             stream.read(BLOCK)       # the second end-of-archive block
             return
         try:
@@ -321,10 +336,28 @@ def copy_data(stream, fd, size):
     left = size
     while left:
         chunk = stream.read(min(CHUNK, left))
-        while fd is not None and chunk:
-            chunk = chunk[os.write(fd, chunk):]
-        left -= min(CHUNK, left)
+        write_all(fd, chunk)
+        left -= len(chunk)
     stream.read(-size % BLOCK)
+
+
+def read_data(stream, size):
+    """A member's data as bytes (its padding skipped)."""
+    padding = -size % BLOCK
+    if size + padding <= CHUNK:
+        # Most members are small: their data and padding come in one read.
+        return stream.read(size + padding)[:size]
+    pieces, left = [], size
+    while left:
+        pieces.append(stream.read(min(CHUNK, left)))
+        left -= len(pieces[-1])
+    stream.read(padding)
+    return b"".join(pieces)
+
+
+def write_all(fd, data):
+    while fd is not None and data:
+        data = data[os.write(fd, data):]
 
 
 # What one member's path can meet in the tree made so far; the member is dropped.
@@ -338,25 +371,27 @@ def path_error(e):
 
 
 class Parents:
-    """Makes the folders on the way to a path; a capture's members come folder by folder,
-    so the last folder made is remembered (nothing in the tree is removed but links)."""
+    """Makes the folders on the way to a path, and folders themselves. The folders made are
+    remembered: nothing in the tree is removed but links, which are made last, so a folder
+    made once is still a folder, and most members need no system call for their folder."""
 
     def __init__(self):
-        self.last = None
+        self.made = set()
+
+    def folder(self, path):
+        if path not in self.made:
+            os.makedirs(path, mode=0o755, exist_ok=True)
+            self.made.add(path)
 
     def __call__(self, path):
-        folder = os.path.dirname(path)
-        if folder != self.last:
-            os.makedirs(folder, mode=0o755, exist_ok=True)
-            self.last = folder
+        self.folder(os.path.dirname(path))
 
 
 def unpack(f, label, dest, err=sys.stderr):
     """Unpacks the archive read from f (named label in messages) into dest; the exit status."""
     dest = os.path.realpath(dest)
     stream = Stream(f, label)
-    written = count = 0
-    links = []
+    held = Held(dest)
     parents = Parents()
     said_absolute = False
     last = None                  # the last member read complete
@@ -370,47 +405,140 @@ def unpack(f, label, dest, err=sys.stderr):
                   file=err)
     drop.count = 0
 
-    def whole():
-        return shown(relative_name(last) or last)
-
     try:
-        for m in members(stream, label):
-            count += 1
-            if count > MAX_MEMBERS:
-                raise Refused(2, f"replay: {shown(label)} has more than {MAX_MEMBERS} entries; "
-                                 "not a capture")
-            try:
-                kept = extract(m, stream, dest, drop, MAX_WRITTEN - written, parents)
-            except Cut:
-                raise Refused(4, f"replay: {shown(label)} is truncated inside member "
-                                 f"{shown(relative_name(m.name) or m.name)}") from None
-            if kept and m.kind == b"2":
+        try:
+            entries = gather(stream, label, held)
+        except Cut:
+            where = "before its first member" if gather.last is None else \
+                f"after member {shown(relative_name(gather.last) or gather.last)}"
+            print(f"replay: {shown(label)} is truncated {where}", file=err)
+            return 4
+        # A folder lists its entries in the order they were made (on a tmpfs), so they are
+        # made in name order: the tool meets the same order whatever tar wrote the capture.
+        # The sort is stable: of two members of one name the later is still made last.
+        entries.sort(key=lambda e: e[0])
+        links = []
+        for _, m, data in entries:
+            rel = relative_name(m.name)
+            if not extract(m, rel, data, dest, drop, parents):
+                continue
+            if m.kind == b"2":
                 if len(links) >= MAX_LINKS:
                     raise Refused(2, f"replay: {shown(label)} holds more than {MAX_LINKS} "
                                      "links; not a capture")
-                links.append((m.name, relative_name(m.name), m.linkname))
-            if kept and m.kind in REGULAR + (b"1",):
-                written += kept
-                if written > MAX_WRITTEN:
-                    raise Refused(2, f"replay: {shown(label)} unpacks to more than "
-                                     f"{MAX_WRITTEN >> 20} MiB; not a capture")
-            if kept and m.name.startswith("/") and not said_absolute:
+                links.append((m.name, rel, m.linkname))
+            if m.name.startswith("/") and not said_absolute:
                 said_absolute = True
                 print(f"replay: member names of {shown(label)} are absolute; unpacked inside "
                       "the capture", file=err)
-            last = m.name
-        stream.finish()
         return make_links(links, dest, drop)
-    except Cut:
-        where = "before its first member" if last is None else f"after member {whole()}"
-        print(f"replay: {shown(label)} is truncated {where}", file=err)
-        return 4
     except Refused as e:
         print(e.message, file=err)
         return e.status
     except OSError as e:
         print(f"replay: cannot unpack {shown(label)}: {shown(str(e))}", file=err)
         return 2
+    finally:
+        held.close()
+
+
+def key_of(rel):
+    """Sorting by this key orders names folder by folder, each folder's entries in byte order
+    of their names: NUL sorts below any byte of a name. (Any key does for None, a name that
+    is dropped anyway.)"""
+    return rel.encode("utf-8", "surrogateescape").replace(b"/", b"\0") if rel else b""
+
+
+def gather(stream, label, held):
+    """Reads the whole archive: its members as (sort key, member, data) in archive order. data
+    is held (Held) for regular files and for hard links to one met earlier, else None. Sets
+    gather.last to the last member read whole, for the message on a truncated archive."""
+    entries = []
+    files = {}                   # key -> index in entries of the latest regular file
+    count = written = 0
+    gather.last = None
+    for m in members(stream, label):
+        count += 1
+        if count > MAX_MEMBERS:
+            raise Refused(2, f"replay: {shown(label)} has more than {MAX_MEMBERS} entries; "
+                             "not a capture")
+        data = None
+        rel = relative_name(m.name)
+        key = key_of(rel)
+        if m.kind in REGULAR:
+            written += max(m.size, 1)
+            if written > MAX_WRITTEN:
+                raise Refused(2, f"replay: {shown(label)} unpacks to more than "
+                                 f"{MAX_WRITTEN >> 20} MiB; not a capture")
+            try:
+                data = held.take(stream, m.size)
+            except Cut:
+                raise Refused(4, f"replay: {shown(label)} is truncated inside member "
+                                 f"{shown(rel or m.name)}") from None
+        else:
+            copy_data(stream, None, m.size)
+        target = files.get(key_of(relative_name(m.linkname))) if m.kind == b"1" and rel else None
+        if target is not None:
+            # A copy of the file, with its mode: a hard link shares both.
+            _, source, data = entries[target]
+            m = m._replace(size=source.size, mode=source.mode)
+            written += max(m.size, 1)
+            if written > MAX_WRITTEN:
+                raise Refused(2, f"replay: {shown(label)} unpacks to more than "
+                                 f"{MAX_WRITTEN >> 20} MiB; not a capture")
+        if rel and data is not None:
+            files[key] = len(entries)
+        entries.append((key, m, data))
+        gather.last = m.name
+    stream.finish()
+    return entries
+
+
+Spilled = collections.namedtuple("Spilled", "path")
+
+
+class Held:
+    """The data of the capture's files while the whole archive is read: in memory up to
+    MAX_HELD bytes, past that in files of a folder beside dest, removed at the end."""
+
+    def __init__(self, dest):
+        self.folder = f"{dest}.unpacking-{os.getpid()}"
+        self.made = False
+        self.room = MAX_HELD
+        self.count = 0
+
+    def take(self, stream, size):
+        """A member's data, read from the stream with its padding: bytes, or Spilled."""
+        if size <= self.room:
+            self.room -= size
+            return read_data(stream, size)
+        if not self.made:
+            os.mkdir(self.folder, 0o700)
+            self.made = True
+        self.count += 1
+        path = os.path.join(self.folder, str(self.count))
+        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW, 0o600)
+        try:
+            copy_data(stream, fd, size)
+        finally:
+            os.close(fd)
+        return Spilled(path)
+
+    def close(self):
+        if self.made:
+            for name in os.listdir(self.folder):
+                os.unlink(os.path.join(self.folder, name))
+            os.rmdir(self.folder)
+            self.made = False
+
+
+def write_data(fd, data):
+    if isinstance(data, Spilled):
+        with open(data.path, "rb") as f:
+            while chunk := f.read(CHUNK):
+                write_all(fd, chunk)
+    else:
+        write_all(fd, memoryview(data))
 
 
 def make_links(links, dest, drop):
@@ -452,77 +580,53 @@ def remove_outside(made, dest, drop):
                 changed = True
 
 
-def extract(m, stream, dest, drop, room, parents):
-    """Writes one member under dest, or drops it; the bytes written (1 for a kept entry
-    without data), 0 when dropped. Its data is consumed either way, except when it would
-    write more than room bytes: then their number is returned, nothing written."""
-    size = m.size
+def extract(m, rel, data, dest, drop, parents):
+    """Makes one member under dest (at rel, its relative name), or drops it; whether it was
+    kept. data is what gather() held for it (None for a hard link to nothing it met)."""
     if has_control(m.name) or (m.linkname and has_control(m.linkname)):
         # capture.sh never writes such a name, and a newline in one would pass for two names
         # wherever a list of the tree is read line by line.
-        copy_data(stream, None, size)
         drop(m.name, "its name holds a control character")
-        return 0
-    rel = relative_name(m.name)
+        return False
     if rel is None:
-        copy_data(stream, None, size)
         drop(m.name, "its name leaves the capture")
-        return 0
+        return False
     if rel == "":
-        copy_data(stream, None, size)
-        return 0
+        return False
     path = os.path.join(dest, rel)
     try:
         if m.kind == b"5":
-            os.makedirs(path, mode=0o755, exist_ok=True)
-            return 1
-        if m.kind in REGULAR:
-            if size > room:
-                return size
+            parents.folder(path)
+            return True
+        if m.kind == b"1" and data is None:
+            drop(m.name, f"hard link to {m.linkname}, not a file of the capture")
+            return False
+        if m.kind in REGULAR + (b"1",):
             parents(path)
-            if os.path.lexists(path):
-                if not stat.S_ISREG(os.lstat(path).st_mode):
-                    copy_data(stream, None, size)
-                    drop(m.name, "its path is taken by another entry")
-                    return 0
-                os.unlink(path)  # a later copy of a file replaces the earlier, as in tar
-            fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW,
-                         m.mode & 0o777)
+            flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW
             try:
-                copy_data(stream, fd, size)
+                fd = os.open(path, flags, m.mode & 0o777)
+            except FileExistsError:
+                if m.kind == b"1" or not stat.S_ISREG(os.lstat(path).st_mode):
+                    drop(m.name, "its path is taken by another entry")
+                    return False
+                os.unlink(path)  # a later copy of a file replaces the earlier, as in tar
+                fd = os.open(path, flags, m.mode & 0o777)
+            try:
+                write_data(fd, data)
             finally:
                 os.close(fd)
-            return max(size, 1)
-        if m.kind == b"1":
-            target = relative_name(m.linkname)
-            source = os.path.join(dest, target) if target else None
-            if source is None or not os.path.lexists(source) or \
-                    not stat.S_ISREG(os.lstat(source).st_mode):
-                drop(m.name, f"hard link to {m.linkname}, not a file of the capture")
-                return 0
-            if os.path.getsize(source) > room:
-                return os.path.getsize(source)
-            parents(path)
-            if os.path.lexists(path):
-                drop(m.name, "its path is taken by another entry")
-                return 0
-            with open(source, "rb") as src, open(path, "xb") as out:
-                while chunk := src.read(CHUNK):
-                    out.write(chunk)
-            return max(os.path.getsize(path), 1)
+            return True
         if m.kind == b"2":
-            return 1            # made once every other member is in place
+            return True         # made once every other member is in place
     except OSError as e:
         # Raised before any data is written: by the folders on the way, or the file's creation.
         if e.errno not in PATH_ERRORS:
             raise
-        if m.kind in REGULAR:
-            copy_data(stream, None, size)
         drop(m.name, path_error(e))
-        return 0
-    copy_data(stream, None, size)
+        return False
     drop(m.name, KINDS.get(m.kind, "special file"))
-    return 0
+    return False
 
 
 def main():

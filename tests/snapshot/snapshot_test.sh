@@ -220,11 +220,16 @@ LOOK
   [ $status = 0 ] || fail "run-in-tree.sh: exit status $status: $(cat "$work/err")"
   ;;
 time-bound)
-  # A run that does not end is stopped at the time limit and said so.
+  # A run that does not end is stopped at the time limit and said so; the unpacked tree is
+  # gone with replay's own namespace, and its mount point with replay.
+  mkdir "$work/tmp"
+  export TMPDIR=$work/tmp
   start=$(date +%s)
   QUARRY_REPLAY_SECONDS=2 snapshot/replay.sh $pair/after.tar.gz /usr/lib/klibc/bin/mksh \
     -c 'while :; do :; done' 2>"$work/err"
   status=$?
+  [ -z "$(ls -A "$work/tmp")" ] || fail "left behind: $(ls -A "$work/tmp")"
+  grep -q quarry-replay /proc/self/mounts && fail "a replay tree is still mounted"
   [ $status = 124 ] || fail "exit status $status, not 124"
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 15 ] || fail "took $(($(date +%s) - start)) s"
@@ -237,6 +242,7 @@ time-bound)
   [ $status = 124 ] || fail "--reports: exit status $status, not 124"
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 30 ] || fail "--reports took $(($(date +%s) - start)) s"
+  [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
   ;;
 capture-mksh)
   # capture.sh as a device runs it: mksh and busybox tools in a root laid out like the sample

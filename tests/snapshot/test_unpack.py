@@ -256,6 +256,71 @@ class Names(Unpacking):
         self.assertTrue(os.path.isfile(os.path.join(dest, "s")))
 
 
+class Order(Unpacking):
+    """The tree is made in name order, whatever order the archive holds its members in."""
+
+    def listing(self, root):
+        """Every folder's entries as the file system lists them (os.walk keeps that order)."""
+        return [(os.path.relpath(folder, root), dirs + files)
+                for folder, dirs, files in os.walk(root)]
+
+    def test_folders_list_in_name_order(self):
+        names = ["proc/1000/maps", "proc/999/maps", "proc/1000/fdinfo/7", "proc/1000/fdinfo/10",
+                 "proc/meminfo", "d/dma_buf/bufinfo", "sys/kernel/dmabuf/buffers/5/size",
+                 "proc/a-b", "proc/a.b/x", "proc/\u00e9", "capture-info"]
+        rng = random.Random(3)
+        shm = "/dev/shm" if os.path.isdir("/dev/shm") else None
+        for attempt in range(3):
+            rng.shuffle(names)
+            with self.subTest(order=list(names)), tempfile.TemporaryDirectory(dir=shm) as top:
+                # The reference: made name by name in byte order, on the same file system.
+                want = os.path.join(top, "want")
+                for name in sorted(names, key=lambda n: n.encode().split(b"/")):
+                    os.makedirs(os.path.dirname(os.path.join(want, name)), exist_ok=True)
+                    with open(os.path.join(want, name), "wb") as f:
+                        f.write(name.encode())
+                dest = os.path.join(top, "dest")
+                err = io.StringIO()
+                status = unpack.unpack(io.BytesIO(build([entry(n, data=n.encode())
+                                                         for n in names])), "c", dest, err)
+                self.assertEqual((status, err.getvalue()), (0, ""))
+                self.assertEqual(self.listing(dest), self.listing(want))
+
+    def test_hard_link_sorting_before_its_file_is_a_copy(self):
+        status, err, dest = self.run_on(build([
+            entry("z/file", data=b"data", mode=0o640),
+            entry("a/link", tarfile.LNKTYPE, linkname="z/file", mode=0o777),
+            entry("b/nothing", tarfile.LNKTYPE, linkname="z/later"),
+            entry("z/later", data=b"after")]))
+        self.assertEqual(status, 3)
+        self.assertEqual(err, ["replay: dropped b/nothing: hard link to z/later, not a file of "
+                               "the capture"])
+        with open(os.path.join(dest, "a/link"), "rb") as f:
+            self.assertEqual(f.read(), b"data")
+        self.assertEqual(stat.S_IMODE(os.stat(os.path.join(dest, "a/link")).st_mode) & 0o700,
+                         0o600)
+
+    def test_data_past_the_memory_bound_waits_beside_the_tree(self):
+        big = bytes(range(256)) * 1000
+        archive = build([entry("p/small", data=b"s"), entry("p/big", data=big),
+                         entry("q/big2", data=big[::-1]), entry("q/hard", tarfile.LNKTYPE,
+                                                                linkname="p/big")])
+        saved, unpack.MAX_HELD = unpack.MAX_HELD, 1000
+        self.addCleanup(setattr, unpack, "MAX_HELD", saved)
+        status, err, dest = self.run_on(archive)
+        self.assertEqual((status, err), (0, []))
+        for name, want in [("p/small", b"s"), ("p/big", big), ("q/big2", big[::-1]),
+                           ("q/hard", big)]:
+            with open(os.path.join(dest, name), "rb") as f:
+                self.assertEqual(f.read(), want, name)
+        # Cut after a member that waited in a file: refused, and nothing is left beside DEST.
+        raw = gzip.decompress(archive)
+        status, err, dest = self.run_on(gzip.compress(raw[:len(raw) // 2]))
+        self.assertEqual(status, 4, err)
+        self.assertIn("truncated inside member q/big2", err[-1])
+        self.assertEqual([n for n in os.listdir(self.tmp) if ".unpacking-" in n], [])
+
+
 SEGMENTS = ["a", "b", "proc", "..", ".", "", "n\nl", "e\x1b[0m", "\u00e9t\u00e9", "c" * 120]
 
 
@@ -332,6 +397,8 @@ class Generated(unittest.TestCase):
         self.addCleanup(shutil.rmtree, top)
         start = time.monotonic()
         statuses = {}
+        saved = unpack.MAX_HELD
+        self.addCleanup(setattr, unpack, "MAX_HELD", saved)
         for i in range(self.COUNT):
             base = os.path.join(top, str(i))
             dest = base + "/dest"
@@ -341,6 +408,8 @@ class Generated(unittest.TestCase):
                 f.write("host\n")
             data, surely, broken, clean = self.random_archive(rng, base)
             err = io.StringIO()
+            # Files' data held in memory, or waiting in files past a bound of 0 or 600 bytes.
+            unpack.MAX_HELD = rng.choice([saved, 0, 600])
             with self.subTest(archive=i):
                 status = unpack.unpack(io.BytesIO(data), "c\x1b.tar.gz", dest, err)
                 statuses[status] = statuses.get(status, 0) + 1
