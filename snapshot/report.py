@@ -35,11 +35,8 @@ INFO_VALUE_LIMIT = 256
 _RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
 
 
-class Refused(Exception):
-    def __init__(self, status, message):
-        super().__init__(message)
-        self.status = status
-        self.message = message
+# A report that cannot be made: its status and message (replay's own refusals among them).
+Refused = capturefiles.ReplayError
 
 
 def clean(text):

@@ -3,14 +3,7 @@
 # scripts' release archive.
 #   scripts_test.sh BINARY CASE
 # Cases: demo-missing, demo-stops, demo-capture, build-progress, host-archive.
-set -uo pipefail
-top=$(cd "$(dirname "$0")/../.." && pwd)
-binary=$(realpath "$1")
-case_name=$2
-cd "$top" || exit 1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL $case_name: $*"; exit 1; }
+source "$(dirname "$0")/../case.sh"
 
 # A capture of the sample snapshot as capture.sh lays one out: /d a real folder, no fd links.
 sample_capture() {

@@ -5,14 +5,7 @@
 # Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
 # truncated, hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete,
 # record-mksh, record-low-space.
-set -uo pipefail
-top=$(cd "$(dirname "$0")/../.." && pwd)
-binary=$(realpath "$1")
-case_name=$2
-cd "$top" || exit 1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() { echo "FAIL $case_name: $*"; exit 1; }
+source "$(dirname "$0")/../case.sh"
 pair=tests/data/pair
 # device_root DIR: a root laid out like the sample device, with mksh as its sh and the busybox
 # tools a device's shell has, for running capture.sh and record.sh as a device does.
