@@ -32,6 +32,8 @@ SCHEMA = 1
 MESSAGE_LINES = 40
 INFO_VALUE_LIMIT = 256
 
+# The libraries' line for an ION statistics file the kernel does not have.
+_ION_MISSING = re.compile(r"\] Can't open file: /sys/kernel/ion/([^/\s]+)$")
 _RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
 
 
@@ -144,8 +146,15 @@ def unsaid(entry):
     for m in ("u", "n", "s"):
         if entry["status"][m] != 0:
             out.append({"section": section[m], "text": "the report ended with status %d" % entry["status"][m]})
-        for line in entry["messages"][m]:
-            out.append({"section": section[m], "text": line})
+        # Most kernels today have no ION: its two missing files are said once, in words (the
+        # tool's own lines stay in the JSON's messages); any other line is shown once, as is.
+        ion = [f.group(1) for f in map(_ION_MISSING.search, entry["messages"][m]) if f]
+        if ion:
+            out.append({"section": section[m], "text": "no ION statistics in this capture "
+                        "(/sys/kernel/ion: %s cannot be opened)" % ", ".join(sorted(set(ion)))})
+        for line in dict.fromkeys(entry["messages"][m]):
+            if not _ION_MISSING.search(line):
+                out.append({"section": section[m], "text": line})
     for p in entry["bufinfo"]["problems"]:
         out.append({"section": "dmabuf", "text": "bufinfo: " + p})
     return out

@@ -60,6 +60,11 @@ class Page(unittest.TestCase):
         self.assertEqual(c["time"]["uptime"], 8123.45)
         self.assertEqual([r["name"] for r in c["unmapped"]["rows"] if r["inode"] == 5], ["G:<b>screenshot</b>"])
         self.assertTrue(any(r["name"] == "modem_region" for r in c["reserved"]["regions"]))
+        # The sample has no ION: said once in words, the tool's own lines kept in the JSON.
+        self.assertEqual([u["text"] for u in c["unsaid"] if u["section"] == "kmem"],
+                         ["no ION statistics in this capture (/sys/kernel/ion: total_heaps_kb, "
+                          "total_pools_kb cannot be opened)"])
+        self.assertEqual(len([m for m in c["messages"]["n"] if "/sys/kernel/ion/" in m]), 2)
 
     def test_pair_highlights_the_changed_rows(self):
         status, err = report("-o", self.path("p.html"), os.path.join(PAIR, "before.tar.gz"), os.path.join(PAIR, "after.tar.gz"))
