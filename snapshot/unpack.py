@@ -90,6 +90,14 @@ class Cut(Exception):
     """The stream ended before the archive did."""
 
 
+class Truncated(Exception):
+    """The archive ended after member last (None: before its first)."""
+
+    def __init__(self, last):
+        super().__init__(last)
+        self.last = last
+
+
 CONTROL = re.compile("[\x00-\x1f\x7f]")
 
 
@@ -408,9 +416,9 @@ def unpack(f, label, dest, err=sys.stderr):
     try:
         try:
             entries = gather(stream, label, held)
-        except Cut:
-            where = "before its first member" if gather.last is None else \
-                f"after member {shown(relative_name(gather.last) or gather.last)}"
+        except Truncated as t:
+            where = "before its first member" if t.last is None else \
+                f"after member {shown(relative_name(t.last) or t.last)}"
             print(f"replay: {shown(label)} is truncated {where}", file=err)
             return 4
         # A folder lists its entries in the order they were made (on a tmpfs), so they are
@@ -451,46 +459,49 @@ def key_of(rel):
 
 def gather(stream, label, held):
     """Reads the whole archive: its members as (sort key, member, data) in archive order. data
-    is held (Held) for regular files and for hard links to one met earlier, else None. Sets
-    gather.last to the last member read whole, for the message on a truncated archive."""
+    is held (Held) for regular files and for hard links to one met earlier, else None."""
     entries = []
     files = {}                   # key -> index in entries of the latest regular file
-    count = written = 0
-    gather.last = None
-    for m in members(stream, label):
-        count += 1
-        if count > MAX_MEMBERS:
-            raise Refused(2, f"replay: {shown(label)} has more than {MAX_MEMBERS} entries; "
-                             "not a capture")
-        data = None
-        rel = relative_name(m.name)
-        key = key_of(rel)
-        if m.kind in REGULAR:
-            written += max(m.size, 1)
-            if written > MAX_WRITTEN:
-                raise Refused(2, f"replay: {shown(label)} unpacks to more than "
-                                 f"{MAX_WRITTEN >> 20} MiB; not a capture")
+    written = 0
+    last = None                  # the last member read whole
+    try:
+        for m in members(stream, label):
+            if len(entries) >= MAX_MEMBERS:
+                raise Refused(2, f"replay: {shown(label)} has more than {MAX_MEMBERS} "
+                                 "entries; not a capture")
+            rel = relative_name(m.name)
+            key = key_of(rel)
+            data = None
+            if m.kind in REGULAR:
+                written += max(m.size, 1)
+                if written > MAX_WRITTEN:
+                    raise Refused(2, f"replay: {shown(label)} unpacks to more than "
+                                     f"{MAX_WRITTEN >> 20} MiB; not a capture")
             try:
-                data = held.take(stream, m.size)
+                if m.kind in REGULAR:
+                    data = held.take(stream, m.size)
+                else:
+                    copy_data(stream, None, m.size)
             except Cut:
                 raise Refused(4, f"replay: {shown(label)} is truncated inside member "
                                  f"{shown(rel or m.name)}") from None
-        else:
-            copy_data(stream, None, m.size)
-        target = files.get(key_of(relative_name(m.linkname))) if m.kind == b"1" and rel else None
-        if target is not None:
-            # A copy of the file, with its mode: a hard link shares both.
-            _, source, data = entries[target]
-            m = m._replace(size=source.size, mode=source.mode)
-            written += max(m.size, 1)
-            if written > MAX_WRITTEN:
-                raise Refused(2, f"replay: {shown(label)} unpacks to more than "
-                                 f"{MAX_WRITTEN >> 20} MiB; not a capture")
-        if rel and data is not None:
-            files[key] = len(entries)
-        entries.append((key, m, data))
-        gather.last = m.name
-    stream.finish()
+            target = files.get(key_of(relative_name(m.linkname))) \
+                if m.kind == b"1" and rel else None
+            if target is not None:
+                # A copy of the file, with its mode: a hard link shares both.
+                _, source, data = entries[target]
+                m = m._replace(size=source.size, mode=source.mode)
+                written += max(m.size, 1)
+                if written > MAX_WRITTEN:
+                    raise Refused(2, f"replay: {shown(label)} unpacks to more than "
+                                     f"{MAX_WRITTEN >> 20} MiB; not a capture")
+            if rel and data is not None:
+                files[key] = len(entries)
+            entries.append((key, m, data))
+            last = m.name
+        stream.finish()
+    except Cut:
+        raise Truncated(last) from None
     return entries
 
 
