@@ -75,7 +75,8 @@ start=$(date +%s.%N)
 taskset -c 0 /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/page.html" \
   --json "$work/page.json" --trace "$work/trace.json" "$work/rec"
 end=$(date +%s.%N)
-awk -v s="$start" -v e="$end" 'BEGIN { printf "report.py, one core: %.1f s\n", e - s }'
+awk -v s="$start" -v e="$end" -v n="$count" \
+  'BEGIN { printf "report.py, one core: %.1f s (%.2f s per capture; target 60 s for 60)\n", e - s, (e - s) / n }'
 for f in page.html page.json trace.json; do
   echo "$f: $(stat -c %s "$work/$f") bytes"
 done
