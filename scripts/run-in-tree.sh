@@ -7,11 +7,11 @@
 #
 # The tree is copied into a private tmpfs in name order, so directory listings come back in the
 # same order on every run; the original is never touched (unless --in-place says it is already
-# such a copy). A dynamically linked binary (the
-# sanitizer build) gets its shared libraries copied in beside it. With QEMU set to a static
-# user-mode emulator, a foreign binary runs through it inside the tree. With VALGRIND set to
-# "memcheck", a dynamically linked binary runs under valgrind, which is copied in as well; its
-# report goes to VALGRIND_LOG (a host path) if set, else to standard error.
+# such a copy). A dynamically linked binary (the sanitizer build) gets its shared libraries
+# copied in beside it. With QEMU set to a static user-mode emulator, a foreign binary runs
+# through it inside the tree. With VALGRIND set to "memcheck", a dynamically linked binary runs
+# under valgrind, which is copied in as well; its report goes to VALGRIND_LOG (a host path) if
+# set, else to standard error.
 #   --user UID       run as that uid (to meet files the tool may not read); needs real root
 #   --prepare SCRIPT run SCRIPT with the copy as working directory before the tool starts
 #   --in-place       TREE is already the tool's private root: a nodev,nosuid tmpfs of the caller's

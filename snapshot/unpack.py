@@ -402,7 +402,6 @@ def unpack(f, label, dest, err=sys.stderr):
     held = Held(dest)
     parents = Parents()
     said_absolute = False
-    last = None                  # the last member read complete
 
     def drop(name, why):
         drop.count += 1
@@ -464,6 +463,14 @@ def gather(stream, label, held):
     files = {}                   # key -> index in entries of the latest regular file
     written = 0
     last = None                  # the last member read whole
+
+    def write(size):             # counts a file to be written, before its data is read
+        nonlocal written
+        written += max(size, 1)
+        if written > MAX_WRITTEN:
+            raise Refused(2, f"replay: {shown(label)} unpacks to more than "
+                             f"{MAX_WRITTEN >> 20} MiB; not a capture")
+
     try:
         for m in members(stream, label):
             if len(entries) >= MAX_MEMBERS:
@@ -472,13 +479,9 @@ def gather(stream, label, held):
             rel = relative_name(m.name)
             key = key_of(rel)
             data = None
-            if m.kind in REGULAR:
-                written += max(m.size, 1)
-                if written > MAX_WRITTEN:
-                    raise Refused(2, f"replay: {shown(label)} unpacks to more than "
-                                     f"{MAX_WRITTEN >> 20} MiB; not a capture")
             try:
                 if m.kind in REGULAR:
+                    write(m.size)
                     data = held.take(stream, m.size)
                 else:
                     copy_data(stream, None, m.size)
@@ -491,10 +494,7 @@ def gather(stream, label, held):
                 # A copy of the file, with its mode: a hard link shares both.
                 _, source, data = entries[target]
                 m = m._replace(size=source.size, mode=source.mode)
-                written += max(m.size, 1)
-                if written > MAX_WRITTEN:
-                    raise Refused(2, f"replay: {shown(label)} unpacks to more than "
-                                     f"{MAX_WRITTEN >> 20} MiB; not a capture")
+                write(m.size)
             if rel and data is not None:
                 files[key] = len(entries)
             entries.append((key, m, data))
