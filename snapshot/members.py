@@ -1,0 +1,87 @@
+"""What a capture may hold, read from capture/members.txt: the one list the capture program writes
+from and replay's unpacking checks a capture against.
+
+    lookup(path, folder) -> Member or None
+    Member.path, .limit (bytes), .keep, .folder
+"""
+import collections
+import os
+import re
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+# In the repository the list sits in capture/, beside the program that writes from it; a host
+# archive of the scripts carries it beside them.
+CANDIDATES = (os.path.join(HERE, "..", "capture", "members.txt"), os.path.join(HERE, "members.txt"))
+
+Member = collections.namedtuple("Member", "path limit keep folder")
+
+KEEPS = ("all", "dmabuf", "exp_name", "line", "head", "exists", "info")
+NUMBER = re.compile(r"(0|[1-9][0-9]{0,9})\Z")
+NAME = re.compile(r"[\x21-\x2e\x30-\x7e][\x20-\x2e\x30-\x7e]*\Z")
+PLACEHOLDERS = {"<pid>": NUMBER, "<fd>": NUMBER, "<inode>": NUMBER, "<name>": NAME}
+UNITS = {"": 1, "K": 1 << 10, "M": 1 << 20}
+
+
+class ListError(Exception):
+    pass
+
+
+def parse(text):
+    """The members of a list's text, in its order; ListError on a line that is not one."""
+    members = []
+    for number, line in enumerate(text.split("\n"), 1):
+        line = line.strip()
+        if not line or line.startswith("#"):
+            continue
+        fields = line.split()
+        m = re.fullmatch(r"([0-9]+)([KM]?)", fields[1]) if len(fields) == 3 else None
+        if m is None or fields[2] not in KEEPS:
+            raise ListError("line %d: not PATH LIMIT KEEP: %s" % (number, line))
+        path = fields[0]
+        folder = path.endswith("/")
+        members.append(Member(path.rstrip("/"), int(m.group(1)) * UNITS[m.group(2)],
+                              fields[2], folder))
+    return members
+
+
+def _load():
+    for candidate in CANDIDATES:
+        if os.path.exists(candidate):
+            with open(candidate, encoding="ascii") as f:
+                return parse(f.read())
+    raise ListError("no list of capture members beside " + HERE)
+
+
+MEMBERS = _load()
+
+
+def _fits(pattern, parts):
+    if len(pattern) != len(parts):
+        return False
+    for want, part in zip(pattern, parts):
+        shape = PLACEHOLDERS.get(want)
+        if shape is None:
+            if want != part:
+                return False
+        elif not shape.match(part) or part in (".", ".."):
+            return False
+    return True
+
+
+_SPLIT = [(m, m.path.split("/")) for m in MEMBERS]
+
+
+def lookup(path, folder):
+    """The member a capture's PATH (relative, "/"-separated, no "." or "..") stands for, or None
+    when a capture may not hold it. A folder fits a folder member, or any folder on the way to a
+    member (returned as a Member with keep "folder")."""
+    parts = path.split("/")
+    for member, pattern in _SPLIT:
+        if folder:
+            if member.folder and _fits(pattern, parts):
+                return member
+            if len(pattern) > len(parts) and _fits(pattern[:len(parts)], parts):
+                return Member(path, 0, "folder", True)
+        elif not member.folder and _fits(pattern, parts):
+            return member
+    return None
