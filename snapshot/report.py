@@ -34,7 +34,6 @@ INFO_VALUE_LIMIT = 256
 
 # The libraries' line for an ION statistics file the kernel does not have.
 _ION_MISSING = re.compile(r"\] Can't open file: /sys/kernel/ion/([^/\s]+)$")
-_RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
 
 
 # A report that cannot be made: its status and message (replay's own refusals among them).
@@ -67,18 +66,8 @@ def unhosted(text, capture):
     return text
 
 
-def memory_ranges(data):
-    """The memory table (/d/memblock/memory) as [start, end) pairs, or None."""
-    if data is None:
-        return None
-    out = []
-    for line in data.decode("ascii", "replace").splitlines():
-        m = _RANGE.match(line)
-        if m:
-            start, last = int(m.group(1), 16), int(m.group(2), 16)
-            if last >= start:
-                out.append([start, last + 1])
-    return out or None
+# The memory table (/d/memblock/memory) as [start, end) pairs, or None.
+memory_ranges = capturefiles.memory_ranges
 
 
 def _clean_tree(value):
