@@ -153,7 +153,7 @@ def region_changes(s_before, s_after):
                         "occurrence": i + 1,
                         "printed": {"before": len(olds), "after": len(news)} if count > 1 else None,
                         "before": _at(b), "after": _at(a),
-                        "delta_kb": a["size_kb"] - b["size_kb"] if a and b else None})
+                        "delta_kb": (a["size_kb"] if a else 0) - (b["size_kb"] if b else 0)})
     return out
 
 

@@ -19,6 +19,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import board  # noqa: E402
 import bufinfo  # noqa: E402
 import capturefiles  # noqa: E402
 import facts  # noqa: E402
@@ -101,7 +102,6 @@ def capture_entry(path, binary, drop_unsafe):
         "messages": {m: unhosted(runs[m].stderr, path).splitlines()[:MESSAGE_LINES]
                      for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(members[MEMORY]),
-        "memory_table": members[MEMORY],
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
         "unmapped": u,
@@ -166,17 +166,25 @@ def expand(paths):
     return files, recording or len(files) >= 3
 
 
-def same_device(files, tables):
-    """Captures of one recording must come from one device: their memory tables agree."""
-    first = None
-    for f, t in zip(files, tables):
-        if t is None:
-            continue
-        if first is None:
-            first = (f, t)
-        elif t != first[1]:
-            raise Refused(2, "%s and %s come from different devices (their memory tables differ); "
-                          "they cannot be one report" % (os.path.basename(first[0]), os.path.basename(f)))
+def one_board(captures, recording, warn):
+    """The board rule (board.py) over the captures, in order: a recording is of one board, so
+    the first two neighbours that differ refuse it; a pair of two boards is still compared,
+    with a warning here and on the page. Returns the pair's board facts (None otherwise)."""
+    for a, b in zip(captures, captures[1:]):
+        other = board.differ(a["info"], a["memory"], b["info"], b["memory"])
+        if other and recording:
+            raise Refused(2, "%s and %s come from different devices (%s); a recording is of one "
+                          "board" % (a["file"], b["file"], other))
+    if len(captures) != 2:
+        return None
+    a, b = captures
+    other = board.differ(a["info"], a["memory"], b["info"], b["memory"])
+    if other:
+        warn("report: warning: %s and %s come from different devices (%s)" % (
+            reporttext.shown(a["file"]), reporttext.shown(b["file"]), reporttext.shown(other)))
+    return {"same": other is None, "differ": other,
+            "models": [board.model(c["info"]) for c in captures],
+            "builds": [board.build(c["info"]) for c in captures]}
 
 
 def build(files, recording, binary, drop_unsafe, skip_refused, warn):
@@ -199,12 +207,10 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
             left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
     if not captures:
         raise Refused(last_refusal.status if last_refusal else 2, "no capture could be replayed")
-    tables = [c.pop("memory_table") for c in captures]
-    if len(captures) > 1:
-        same_device([c["file"] for c in captures], tables)
     if recording:
         order = series.time_order([(c["file"], c["time"]) for c in captures])
         captures = [captures[i] for i in order]
+    pair_board = one_board(captures, recording and len(captures) >= 2, warn)
     doc = {"schema": SCHEMA, "kind": "capture", "captures": captures, "left_out": left_out}
     if recording and len(captures) >= 2:
         doc["kind"] = "recording"
@@ -212,9 +218,10 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         doc["suspects"] = series.suspects(captures, doc["series"])
     elif len(captures) == 2:
         doc["kind"] = "pair"
-        sides = [{"u": c["unmapped"], "n": c["kmem"], "s": c["reserved"], "status": c["status"]}
-                 for c in captures]
+        sides = [{"u": c["unmapped"], "n": c["kmem"], "s": c["reserved"], "status": c["status"],
+                  "memory": c["memory"]} for c in captures]
         doc["facts"] = facts.compare(sides[0], sides[1])
+        doc["board"] = pair_board
     return _clean_tree(doc)
 
 
