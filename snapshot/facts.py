@@ -1,7 +1,7 @@
 """What changed between two captures of one device, from the parsed reports of each (reporttext):
-the buffers that became unmapped, stopped being unmapped or changed holders, and every figure
-of -u, -n and -s with its exact change. compare.sh prints these facts; the report page shows
-them.
+the buffers that became unmapped, stopped being unmapped or changed holders, every figure of
+-u, -n and -s with its exact change, and, build over build, each region of -s and each range
+of the memory table that changed. compare.sh prints these facts; the report page shows them.
 
 A side whose report gives no figures is named as such, with the reason, and its figures are
 None: a capture that cannot say which buffers are unmapped never reads as one whose buffers all
