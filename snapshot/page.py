@@ -466,10 +466,8 @@ def pair_sections(doc, before_marks, after_marks):
         h.append(unsaid_list(c["unsaid"], "capture"))
     h.append("<h2>Reserved memory</h2>")
     h.append(region_changes_section(f))
-    same_map = all(caps[0][k] == caps[1][k] for k in ("memory",)) and \
-        caps[0]["reserved"]["regions"] == caps[1]["reserved"]["regions"] and \
-        caps[0]["reserved"]["cma_used"] == caps[1]["reserved"]["cma_used"]
-    if same_map:
+    if caps[0]["memory"] == caps[1]["memory"] and all(
+            caps[0]["reserved"][k] == caps[1]["reserved"][k] for k in ("regions", "cma_used")):
         h.append('<h3>Physical memory map, the same in both captures</h3>' + memory_map(caps[1]))
     else:
         h.append('<h3>Physical memory maps, before above after, on one scale</h3>'

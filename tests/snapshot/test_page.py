@@ -186,6 +186,16 @@ class Drawing(unittest.TestCase):
                              "unmapped": {"source": "DMA-BUF", "kb": None, "reason": "no <sysfs>"}})
         self.assertIn("unknown (no &lt;sysfs&gt;)", bar)
         self.assertNotRegex(bar, r"DMA-BUF unmapped</td><td class=n>0")
+        # Region names come from a device file: text in the table, on the map and in its labels.
+        evil = "<img src=x onerror=alert(1)>\x1b"
+        regions = [{"kind": "fdt_no-map", "name": evil, "change": "added", "occurrence": 1, "printed": None,
+                    "before": None, "after": {"start": "0x90000000", "size_kb": 8192}, "delta_kb": 8192}]
+        f = {"missing": [], "regions": regions, "memory": []}
+        capture = {"memory": None, "reserved": {"regions": [{"kind": "fdt_no-map", "name": evil,
+                                                             "start": 0x90000000, "size_kb": 8192}]}}
+        drawn = page.region_changes_section(f) + page.memory_map(capture, "m", page._map_marks(f, "after"))
+        self.assertNotIn("<img", drawn)
+        self.assertEqual(drawn.count("&lt;img src=x onerror=alert(1)&gt;\\x1b"), 4)  # table, rect, title, label
         eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
                              "mb_reserved": 210144, "cma_total": 81920})
         self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)
