@@ -7,6 +7,7 @@
  * Exit status: 0 written; 1 not written (the archive could not be written, or a signal stopped
  * the capture); 2 usage; 3 a file every report needs is missing or empty (the archive is removed
  * unless --partial). Whenever the status is not 0 or 3 with --partial, no archive is left. */
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -96,15 +97,18 @@ static int binary_version(const char *path, std::string *version)
     }
     close(fd);
     version->clear();
+    /* A printable run of its own, as strings(1) would show it: no text character around. */
+    auto text = [](char c) {
+        return isalnum(static_cast<unsigned char>(c)) || (c != '\0' && strchr("._+- ", c) != nullptr);
+    };
     for (size_t at = bytes.find(kKey); at != std::string::npos; at = bytes.find(kKey, at + 1)) {
-        if (at > 0 && bytes[at - 1] != '\0')
+        if (at > 0 && text(bytes[at - 1]))
             continue;
         size_t start = at + sizeof(kKey) - 1, end = start;
-        while (end < bytes.size() && (isalnum(static_cast<unsigned char>(bytes[end])) ||
-                                      strchr("._+-", bytes[end]) != nullptr))
+        while (end < bytes.size() && text(bytes[end]) && bytes[end] != ' ')
             end++;
         if (end > start && isdigit(static_cast<unsigned char>(bytes[start])) &&
-            end < bytes.size() && bytes[end] == '\0') {
+            (end == bytes.size() || !text(bytes[end]))) {
             version->assign(bytes, start, end - start);
             return 0;
         }

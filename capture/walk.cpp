@@ -149,9 +149,11 @@ bool Walker::Visit(const Node& node, const std::string& device, const std::strin
     bool numbered = IsPlaceholder(node.part) && held == nullptr;
     std::vector<Entry> mine;
     std::vector<Entry>* into = numbered ? &mine : held;
-    if (node.member != nullptr && !Emit({rel, true, {}}, into)) return false;
+    // Every folder on the way that the device has stands in the capture, as the tool finds
+    // it live (an empty /proc, a buffer folder without its files).
+    if (!Emit({rel, true, {}}, into)) return false;
     if (!Children(node, device, rel, into)) return false;
-    if (!numbered || mine.empty() || Gone(device)) return true;
+    if (!numbered || Gone(device)) return true;
     for (Entry& entry : mine) {
         if (!Emit(std::move(entry), nullptr)) return false;
     }
