@@ -102,7 +102,7 @@ bool TarGzWriter::Header(const std::string& name, char type, uint64_t size) {
     memcpy(block + 263, "00", 2);
     memcpy(block + 265, "root", 4);
     memcpy(block + 297, "root", 4);
-    memcpy(block + 345, prefix.data(), prefix.size());
+    if (!prefix.empty()) memcpy(block + 345, prefix.data(), prefix.size());
     unsigned sum = 0;
     for (unsigned char c : block) sum += c;
     Octal(block + 148, 7, sum);

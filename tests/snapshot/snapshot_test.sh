@@ -5,10 +5,21 @@
 # The capture program is QUARRY_CAPTURE (default: quarry-capture of BINARY's build).
 # Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
 # truncated, hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete,
-# record-mksh, record-low-space, capture-slim, capture-full-disk, capture-stop, device-archive.
+# record-mksh, record-low-space, capture-slim, capture-full-disk, capture-stop, capture-live,
+# device-archive.
 source "$(dirname "$0")/../case.sh"
 program=$(realpath "${QUARRY_CAPTURE:-$(dirname "$binary")/../capture/quarry-capture}")
 pair=tests/data/pair
+# A sanitizer build of the program cannot run in a device root: the sanitizers read their options
+# and stop the process for the leak check through its own /proc entries, which a device tree's
+# /proc does not have (in a chroot a process of a pid not known beforehand). Those cases skip;
+# capture-live runs such a build on this machine's own /proc.
+static_program() {
+  if ldd "$program" >/dev/null 2>&1; then
+    echo "skip $case_name: $program is dynamically linked (a sanitizer build); see capture-live"
+    exit 77
+  fi
+}
 # device_root DIR: a root laid out like the sample device, with mksh as its sh and the busybox
 # tools a device's shell has, for running capture.sh and record.sh as a device does.
 device_root() {
@@ -21,7 +32,18 @@ device_root() {
     ln -s busybox "$1/bin/$tool"
   done
   mknod -m 666 "$1/dev/null" c 1 3
-  cp capture/capture.sh capture/record.sh "$program" "$1/"
+  cp capture/capture.sh capture/record.sh "$1/"
+  add_program "$1"
+}
+# add_program ROOT: the capture program at ROOT/quarry-capture, with the shared libraries of a
+# dynamically linked build (the sanitizer one) at their own paths in ROOT.
+add_program() {
+  cp "$program" "$1/quarry-capture"
+  ldd "$program" >/dev/null 2>&1 || return 0
+  ldd "$program" | grep -o '/[^ ]*' | while read -r lib; do
+    mkdir -p "$1$(dirname "$lib")"
+    cp -L "$lib" "$1$lib"
+  done
 }
 # info ARCHIVE KEY: the value of KEY in the capture's capture-info
 info() { tar -xzOf "$1" ./capture-info | sed -n "s/^$2=//p"; }
@@ -240,6 +262,7 @@ time-bound)
   [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
   ;;
 capture-mksh)
+  static_program
   # capture.sh as a device runs it: mksh and busybox tools in a root laid out like the sample
   # device. It must write the archive, leave nothing else, and carry what the tool reads.
   root=$work/root
@@ -269,6 +292,7 @@ capture-mksh)
   [ -e "$root/out/x.tar.gz" ] && fail "an archive without the program"
   ;;
 capture-info)
+  static_program
   # Where and when: each key from the device's own files, start before end, the binary's
   # version read from the binary itself; device text stays one line per key.
   root=$work/root
@@ -307,6 +331,7 @@ capture-info)
   [ -e "$root/out/e.tar.gz" ] && fail "an archive for a missing binary"
   ;;
 capture-incomplete)
+  static_program
   # A shell without root, where /d and the debug extension's tables are root's only: the files
   # -s needs are named, the status is 3 and no archive stays.
   root=$work/user
@@ -341,6 +366,7 @@ capture-incomplete)
   grep -qxF "capture: missing or empty: /proc/<pid>/maps" "$work/err" || fail "maps not named: $(cat "$work/err")"
   ;;
 record-mksh)
+  static_program
   # A recording: COUNT captures INTERVAL seconds apart, numbered on after an earlier run; a TERM
   # while a capture is being packed leaves only the complete ones and ends at once.
   root=$work/root
@@ -385,6 +411,7 @@ record-mksh)
   [ "$(ls -A "$root/data/local/tmp")" = "" ] || fail "a staging folder left behind"
   ;;
 record-low-space)
+  static_program
   # A target with little room: nothing at all below the default margin (64 MB) and a first
   # capture counted as 4 MB; with a 1 MB margin, the first capture is counted before anything
   # is written, and a capture that cuts into the margin all the same is removed.
@@ -434,6 +461,7 @@ record-low-space)
   [ "$(ls -A "$root/rec" | tr '\n' ' ')" = "capture-0001.tar.gz capture-0002.tar.gz " ] || fail "the folder holds: $(ls -A "$root/rec")"
   ;;
 capture-slim)
+  static_program
   # A slim capture (maps cut to their /dmabuf lines) replays every report as the tree it was
   # taken from, output, messages and status: on the sample, every fixture tree, and a small
   # generated tree with the lines the tool's maps reader treats specially. Its members are the
@@ -463,7 +491,7 @@ capture-slim)
     rm -rf "$root" "$work/live" "$work/replayed"
     mkdir -p "$root/out" "$work/live" "$work/replayed"
     cp -a "$tree/." "$root/"
-    cp "$program" "$root/quarry-capture"
+    add_program "$root"
     timeout 60 chroot "$root" /quarry-capture --partial /out/c.tar.gz 2>"$work/err"
     status=$?
     [ $status = 0 ] || [ $status = 3 ] || fail "$label: capture status $status: $(cat "$work/err")"
@@ -495,7 +523,7 @@ PY
   # reader stops at and nothing after it, the first 4 KiB of the command line; --full keeps maps
   # whole.
   root=$work/root
-  rm -rf "$root"; mkdir -p "$root/out"; cp -a "$work/gen/." "$root/"; cp "$program" "$root/"
+  rm -rf "$root"; mkdir -p "$root/out"; cp -a "$work/gen/." "$root/"; add_program "$root"
   chroot "$root" /quarry-capture /out/slim.tar.gz && chroot "$root" /quarry-capture --full /out/full.tar.gz ||
     fail "captures of the generated tree failed"
   tar -xzOf "$root/out/slim.tar.gz" ./proc/1000/maps | grep -v '/dmabuf' && fail "slim maps hold other lines"
@@ -510,6 +538,7 @@ PY
   [ "$(tar -tzf "$root/out/slim.tar.gz" | grep -c '/fdinfo/[0-9]')" = $((20 * 8)) ] || fail "not only the DMA-BUF fdinfo files"
   ;;
 capture-full-disk)
+  static_program
   # The archive's file system fills up: one message naming it and its free space, status 1, and
   # no archive. The sample with 1 MB of filler maps text per process needs more than the room.
   root=$work/root
@@ -530,6 +559,7 @@ capture-full-disk)
   timeout 60 chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err" || fail "slim: exit status $?: $(cat "$work/err")"
   ;;
 capture-stop)
+  static_program
   # TERM or INT at any moment of a capture: status 1 and no archive. First while the program is
   # blocked in the middle of its archive (written into a FIFO that nobody reads), then at a
   # range of moments of captures of a generated tree.
@@ -568,7 +598,30 @@ capture-stop)
     done
   done
   ;;
+capture-live)
+  # The program on this machine's own /proc and /sys, as on a device (the sanitizer build too):
+  # its archive replays, -u and -n as the tool prints them here give the same buffers; the
+  # archive's file system full: status 1, one message, nothing left.
+  "$program" --partial --info model=host "$work/c.tar.gz" 2>"$work/err"
+  status=$?
+  [ $status = 0 ] || [ $status = 3 ] || fail "status $status: $(cat "$work/err")"
+  grep -v '^capture: \(missing or empty: \|kept the incomplete\)' "$work/err" && fail "messages: $(cat "$work/err")"
+  [ "$(info "$work/c.tar.gz" model)" = host ] || fail "model: $(info "$work/c.tar.gz" model)"
+  [ "$(tar -tzf "$work/c.tar.gz" | grep -c '^\./proc/[0-9]*/$')" -gt 1 ] || fail "no processes captured"
+  snapshot/replay.sh "$work/c.tar.gz" "$binary" -n >"$work/out" 2>"$work/err2" || fail "replay -n: $(cat "$work/err2")"
+  grep -q "^Kernel" "$work/out" || grep -q "kB\|KB" "$work/out" || fail "replay -n printed: $(cat "$work/out")"
+  mkdir "$work/full"
+  mount -t tmpfs -o size=16k quarry-full "$work/full" || fail "cannot mount a tmpfs"
+  trap 'umount -l "$work/full"; rm -rf "$work"' EXIT
+  "$program" --partial --full "$work/full/c.tar.gz" 2>"$work/err"
+  status=$?
+  [ $status = 1 ] || fail "full: status $status: $(cat "$work/err")"
+  grep -qx "capture: cannot write $work/full/c.tar.gz: No space left on device (the file system on $work/full has [0-9]* KB free); nothing kept" "$work/err" ||
+    fail "full: message: $(cat "$work/err")"
+  [ -z "$(ls -A "$work/full")" ] || fail "full: left $(ls -A "$work/full")"
+  ;;
 device-archive)
+  static_program
   # The device archive as a user unpacks and pushes it: every file listed in SHA256SUMS, the
   # README naming each and the one command, and capture.sh run from it in a device's root.
   version=$(sed -n 's/^project(quarrystat VERSION \([0-9][0-9.]*\) .*/\1/p' CMakeLists.txt)
