@@ -6,11 +6,10 @@
 # The copying is quarry-capture's (a program of this project, built for the device): it writes
 # the archive straight from the device's files, with no staging folder, in about the time of
 # one quarrystat -u. Of each maps file it keeps the lines whose name begins with "/dmabuf", the
-# only ones the reports count (--full keeps whole files). This script adds what only the
-# device's shell tells: the model and build fingerprint (getprop, or the device tree), the
-# kernel and the boot id, written with the uptime and wall clock at the start and the end of
-# the copy into the archive's ./capture-info; with -b, the version of the quarrystat binary
-# BINARY too.
+# only ones the reports count (--full keeps whole files). The archive's ./capture-info says
+# where and when: the model and build fingerprint (getprop, which this script asks; else the
+# device tree's model), the kernel and the boot id, the uptime and wall clock at the start and
+# the end of the copy; with -b, the version of the quarrystat binary BINARY too.
 # Exit status: 0 written; 1 the archive could not be written (the message names the file system
 # and its free space), or the capture was stopped; 2 usage, or quarry-capture is missing; 3 a
 # file every report needs is missing or empty (each is named on standard error: /proc/meminfo
@@ -52,27 +51,17 @@ if [ ! -x "$program" ]; then
 	exit 2
 fi
 
-# One line of device text for capture-info: NULs dropped (the device tree's strings end in
-# one), line breaks made spaces, so every key stays on its own line.
-one_line() {
-	tr -d '\000' | tr '\r\n' '  ' | sed 's/ *$//'
-}
+# What only the shell tells: Android's build properties. The program reads the kernel's release,
+# version and boot id itself, and the device tree's model where getprop gives none; it makes
+# each value one line. Two processes in all, where a fork costs as much as a small file's copy.
+model='' fingerprint=''
 if command -v getprop >/dev/null 2>&1; then
-	model=$(getprop ro.product.model 2>/dev/null | one_line)
-	fingerprint=$(getprop ro.build.fingerprint 2>/dev/null | one_line)
-else
-	model='' fingerprint=''
+	model=$(getprop ro.product.model 2>/dev/null)
+	fingerprint=$(getprop ro.build.fingerprint 2>/dev/null)
 fi
-[ -n "$model" ] || model=$(cat /proc/device-tree/model 2>/dev/null | one_line)
-release=$(uname -r 2>/dev/null | one_line)
-[ -n "$release" ] || release=$(cat /proc/sys/kernel/osrelease 2>/dev/null | one_line)
-kversion=$(uname -v 2>/dev/null | one_line)
-[ -n "$kversion" ] || kversion=$(cat /proc/version 2>/dev/null | one_line)
-boot_id=$(cat /proc/sys/kernel/random/boot_id 2>/dev/null | one_line)
 
 # The program is this process from here on, so a TERM or INT meant for the capture reaches it:
 # it removes the archive it had begun and exits 1.
 # shellcheck disable=SC2086
-exec "$program" $flags ${binary:+--binary "$binary"} --info "kernel_release=$release" \
-	--info "kernel_version=$kversion" --info "model=$model" --info "fingerprint=$fingerprint" \
-	--info "boot_id=$boot_id" -- "$out"
+exec "$program" $flags ${binary:+--binary "$binary"} --info "model=$model" \
+	--info "fingerprint=$fingerprint" -- "$out"

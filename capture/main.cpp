@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/statvfs.h>
+#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -62,14 +63,61 @@ static std::string uptime_text(void)
     return std::string(buf, strcspn(buf, " \n"));
 }
 
-/* Device text on one line of capture-info: line breaks become blanks, trailing blanks go. */
+/* Device text on one line of capture-info: NULs go (the device tree's strings end in one),
+ * line breaks become blanks, trailing blanks go. */
 static std::string one_line(std::string text)
 {
-    for (char &c : text)
-        if (c == '\n' || c == '\r')
-            c = ' ';
-    while (!text.empty() && text.back() == ' ')
-        text.pop_back();
+    std::string line;
+    for (char c : text)
+        if (c != '\0')
+            line.push_back(c == '\n' || c == '\r' ? ' ' : c);
+    while (!line.empty() && line.back() == ' ')
+        line.pop_back();
+    return line;
+}
+
+/* A small file's text on one line, or "" when it cannot be read. */
+static std::string file_line(const char *path)
+{
+    char buf[4096];
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return "";
+    ssize_t n = read(fd, buf, sizeof(buf));
+    close(fd);
+    return n > 0 ? one_line(std::string(buf, static_cast<size_t>(n))) : "";
+}
+
+/* capture-info's device keys in their order, from the kernel itself where it says them; a
+ * --info KEY=VALUE given for one of them, or any other key (after them), is taken as given. An
+ * empty model falls back to the device tree's. */
+static std::string device_keys(const std::vector<std::pair<std::string, std::string>> &given)
+{
+    struct utsname uts;
+    bool have_uts = uname(&uts) == 0;
+    std::vector<std::pair<std::string, std::string>> keys = {
+        {"kernel_release", have_uts ? one_line(uts.release) : file_line("/proc/sys/kernel/osrelease")},
+        {"kernel_version", have_uts ? one_line(uts.version) : file_line("/proc/version")},
+        {"model", ""},
+        {"fingerprint", ""},
+        {"boot_id", file_line("/proc/sys/kernel/random/boot_id")},
+    };
+    for (const auto &[key, value] : given) {
+        bool known = false;
+        for (auto &k : keys) {
+            if (k.first == key) {
+                k.second = value;
+                known = true;
+            }
+        }
+        if (!known)
+            keys.emplace_back(key, value);
+    }
+    if (keys[2].second.empty())
+        keys[2].second = file_line("/proc/device-tree/model");
+    std::string text;
+    for (const auto &[key, value] : keys)
+        text += key + "=" + value + "\n";
     return text;
 }
 
@@ -165,7 +213,7 @@ int main(int argc, char **argv)
     bool partial = false;
     quarry::capture::WalkOptions options;
     const char *binary = nullptr;
-    std::vector<std::string> info;
+    std::vector<std::pair<std::string, std::string>> info;
     int i = 1;
     for (; i < argc; i++) {
         std::string arg = argv[i];
@@ -180,7 +228,8 @@ int main(int argc, char **argv)
             } else if (value.find('=') == std::string::npos || value[0] == '=') {
                 return usage();
             } else {
-                info.push_back(one_line(value));
+                size_t eq = value.find('=');
+                info.emplace_back(one_line(value.substr(0, eq)), one_line(value.substr(eq + 1)));
             }
         } else if (arg == "--") {
             i++;
@@ -241,9 +290,7 @@ int main(int argc, char **argv)
     std::string uptime_end = uptime_text();
     time_t wall_end = time(nullptr);
     if (ok) {
-        std::string text = "format=1\n";
-        for (const std::string &pair : info)
-            text += pair + "\n";
+        std::string text = "format=1\n" + device_keys(info);
         text += "uptime_start=" + uptime_start + "\nwall_start=" + std::to_string(wall_start) +
                 "\nuptime_end=" + uptime_end + "\nwall_end=" + std::to_string(wall_end) + "\n";
         if (binary)

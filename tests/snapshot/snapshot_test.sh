@@ -329,6 +329,13 @@ capture-info)
   status=$?
   [ $status = 2 ] && grep -qx "capture: cannot read the binary /nope" "$work/err" || fail "-b /nope: status $status: $(cat "$work/err")"
   [ -e "$root/out/e.tar.gz" ] && fail "an archive for a missing binary"
+  # Android's getprop names the model and the build, before the device tree; its text on one line.
+  printf '#!/bin/mksh\ncase $1 in\nro.product.model) busybox printf "Pixel\\r\\n9\\n" ;;\nro.build.fingerprint) echo google/x/y:15/AP3A/1:user/release-keys ;;\nesac\n' >"$root/bin/getprop"
+  chmod 755 "$root/bin/getprop"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/f.tar.gz 2>/dev/null || fail "capture.sh with getprop failed"
+  [ "$(info "$root/out/f.tar.gz" model)" = "Pixel  9" ] || fail "model from getprop: $(info "$root/out/f.tar.gz" model | cat -A)"
+  [ "$(info "$root/out/f.tar.gz" fingerprint)" = google/x/y:15/AP3A/1:user/release-keys ] ||
+    fail "fingerprint: $(info "$root/out/f.tar.gz" fingerprint)"
   ;;
 capture-incomplete)
   static_program
