@@ -12,7 +12,8 @@ static constexpr size_t kOut = 256 * 1024;
 // the fastest level already shrinks twenty-fold, and the device is busy while it runs.
 static constexpr int kLevel = 1;
 
-TarGzWriter::TarGzWriter(int fd, int64_t mtime) : fd_(fd), mtime_(mtime), out_(new unsigned char[kOut]) {
+TarGzWriter::TarGzWriter(int fd, int64_t mtime)
+    : fd_(fd), mtime_(mtime), out_(new unsigned char[kOut]) {
     // 16 + 15: a gzip header and trailer around the deflate stream; its header carries no name
     // and no time, so the same members make the same bytes.
     if (deflateInit2(&z_, kLevel, Z_DEFLATED, 16 + 15, 8, Z_DEFAULT_STRATEGY) == Z_OK) {
@@ -64,7 +65,8 @@ bool TarGzWriter::Put(const void* data, size_t size) {
 // An octal field of width bytes: width - 1 digits (the lowest ones of a larger value) and a NUL.
 static void Octal(char* field, size_t width, uint64_t value) {
     field[width - 1] = '\0';
-    for (size_t i = width - 1; i > 0; i--, value >>= 3) field[i - 1] = static_cast<char>('0' + (value & 7));
+    for (size_t i = width - 1; i > 0; i--, value >>= 3)
+        field[i - 1] = static_cast<char>('0' + (value & 7));
 }
 
 bool TarGzWriter::Header(const std::string& name, char type, uint64_t size) {
@@ -74,7 +76,8 @@ bool TarGzWriter::Header(const std::string& name, char type, uint64_t size) {
     // GNU long-name member, which replay's unpacking reads too.
     if (name.size() > 100) {
         size_t slash = name.rfind('/', 155);
-        while (slash != std::string::npos && name.size() - slash - 1 > 100) slash = std::string::npos;
+        while (slash != std::string::npos && name.size() - slash - 1 > 100)
+            slash = std::string::npos;
         if (slash != std::string::npos && slash > 0) {
             prefix = std::string_view(name).substr(0, slash);
             base = std::string_view(name).substr(slash + 1);
@@ -110,7 +113,8 @@ bool TarGzWriter::Header(const std::string& name, char type, uint64_t size) {
 }
 
 bool TarGzWriter::Parents(const std::string& name) {
-    for (size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1)) {
+    for (size_t slash = name.find('/'); slash != std::string::npos;
+         slash = name.find('/', slash + 1)) {
         if (!AddFolder(name.substr(0, slash))) return false;
     }
     return true;

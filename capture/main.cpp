@@ -34,55 +34,45 @@ using quarry::capture::Member;
 static char output_path[PATH_MAX];
 static volatile sig_atomic_t output_made;
 
-static void on_signal(int)
-{
-    if (output_made)
-        unlink(output_path);
+static void on_signal(int) {
+    if (output_made) unlink(output_path);
     _exit(1);
 }
 
-static int usage(void)
-{
-    fprintf(stderr, "usage: quarry-capture [--full] [--partial] [--binary BINARY] "
-                    "[--info KEY=VALUE]... OUTPUT.tar.gz\n");
+static int usage(void) {
+    fprintf(stderr,
+            "usage: quarry-capture [--full] [--partial] [--binary BINARY] "
+            "[--info KEY=VALUE]... OUTPUT.tar.gz\n");
     return 2;
 }
 
 /* "UPTIME" as /proc/uptime prints the boot clock's seconds, or "" where it cannot be read. */
-static std::string uptime_text(void)
-{
+static std::string uptime_text(void) {
     char buf[64];
     int fd = open("/proc/uptime", O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return "";
+    if (fd < 0) return "";
     ssize_t n = read(fd, buf, sizeof(buf) - 1);
     close(fd);
-    if (n <= 0)
-        return "";
+    if (n <= 0) return "";
     buf[n] = '\0';
     return std::string(buf, strcspn(buf, " \n"));
 }
 
 /* Device text on one line of capture-info: NULs go (the device tree's strings end in one),
  * line breaks become blanks, trailing blanks go. */
-static std::string one_line(std::string text)
-{
+static std::string one_line(std::string text) {
     std::string line;
     for (char c : text)
-        if (c != '\0')
-            line.push_back(c == '\n' || c == '\r' ? ' ' : c);
-    while (!line.empty() && line.back() == ' ')
-        line.pop_back();
+        if (c != '\0') line.push_back(c == '\n' || c == '\r' ? ' ' : c);
+    while (!line.empty() && line.back() == ' ') line.pop_back();
     return line;
 }
 
 /* A small file's text on one line, or "" when it cannot be read. */
-static std::string file_line(const char *path)
-{
+static std::string file_line(const char *path) {
     char buf[4096];
     int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return "";
+    if (fd < 0) return "";
     ssize_t n = read(fd, buf, sizeof(buf));
     close(fd);
     return n > 0 ? one_line(std::string(buf, static_cast<size_t>(n))) : "";
@@ -91,12 +81,12 @@ static std::string file_line(const char *path)
 /* capture-info's device keys in their order, from the kernel itself where it says them; a
  * --info KEY=VALUE given for one of them, or any other key (after them), is taken as given. An
  * empty model falls back to the device tree's. */
-static std::string device_keys(const std::vector<std::pair<std::string, std::string>> &given)
-{
+static std::string device_keys(const std::vector<std::pair<std::string, std::string>> &given) {
     struct utsname uts;
     bool have_uts = uname(&uts) == 0;
     std::vector<std::pair<std::string, std::string>> keys = {
-        {"kernel_release", have_uts ? one_line(uts.release) : file_line("/proc/sys/kernel/osrelease")},
+        {"kernel_release",
+         have_uts ? one_line(uts.release) : file_line("/proc/sys/kernel/osrelease")},
         {"kernel_version", have_uts ? one_line(uts.version) : file_line("/proc/version")},
         {"model", ""},
         {"fingerprint", ""},
@@ -110,51 +100,43 @@ static std::string device_keys(const std::vector<std::pair<std::string, std::str
                 known = true;
             }
         }
-        if (!known)
-            keys.emplace_back(key, value);
+        if (!known) keys.emplace_back(key, value);
     }
-    if (keys[2].second.empty())
-        keys[2].second = file_line("/proc/device-tree/model");
+    if (keys[2].second.empty()) keys[2].second = file_line("/proc/device-tree/model");
     std::string text;
-    for (const auto &[key, value] : keys)
-        text += key + "=" + value + "\n";
+    for (const auto &[key, value] : keys) text += key + "=" + value + "\n";
     return text;
 }
 
 /* The release of the quarrystat binary at path ("quarrystat version X.Y.Z" between NULs), ""
  * when it has none; -1 when the file cannot be read. */
-static int binary_version(const char *path, std::string *version)
-{
+static int binary_version(const char *path, std::string *version) {
     static const char kKey[] = "quarrystat version ";
     std::string bytes;
     char buf[64 * 1024];
     int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
+    if (fd < 0) return -1;
     for (;;) {
         ssize_t n = read(fd, buf, sizeof(buf));
-        if (n < 0 && errno == EINTR)
-            continue;
+        if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             close(fd);
             return -1;
         }
-        if (n == 0)
-            break;
+        if (n == 0) break;
         bytes.append(buf, static_cast<size_t>(n));
     }
     close(fd);
     version->clear();
     /* A printable run of its own, as strings(1) would show it: no text character around. */
     auto text = [](char c) {
-        return isalnum(static_cast<unsigned char>(c)) || (c != '\0' && strchr("._+- ", c) != nullptr);
+        return isalnum(static_cast<unsigned char>(c)) ||
+               (c != '\0' && strchr("._+- ", c) != nullptr);
     };
     for (size_t at = bytes.find(kKey); at != std::string::npos; at = bytes.find(kKey, at + 1)) {
-        if (at > 0 && text(bytes[at - 1]))
-            continue;
+        if (at > 0 && text(bytes[at - 1])) continue;
         size_t start = at + sizeof(kKey) - 1, end = start;
-        while (end < bytes.size() && text(bytes[end]) && bytes[end] != ' ')
-            end++;
+        while (end < bytes.size() && text(bytes[end]) && bytes[end] != ' ') end++;
         if (end > start && isdigit(static_cast<unsigned char>(bytes[start])) &&
             (end == bytes.size() || !text(bytes[end]))) {
             version->assign(bytes, start, end - start);
@@ -166,20 +148,16 @@ static int binary_version(const char *path, std::string *version)
 
 /* Where a file system is mounted: the longest mount point in the mount table that holds path,
  * or "" without a table. */
-static std::string mount_point(const std::string &path)
-{
+static std::string mount_point(const std::string &path) {
     std::string best;
     FILE *mounts = fopen("/proc/self/mounts", "re");
-    if (!mounts)
-        mounts = fopen("/proc/mounts", "re");
-    if (!mounts)
-        return best;
+    if (!mounts) mounts = fopen("/proc/mounts", "re");
+    if (!mounts) return best;
     char device[4096], dir[4096];
     while (fscanf(mounts, "%4095s %4095s %*[^\n]", device, dir) == 2) {
         std::string d = dir;
         bool holds = d == "/" || path == d || path.compare(0, d.size() + 1, d + "/") == 0;
-        if (holds && d.size() >= best.size())
-            best = d;
+        if (holds && d.size() >= best.size()) best = d;
     }
     fclose(mounts);
     return best;
@@ -187,14 +165,12 @@ static std::string mount_point(const std::string &path)
 
 /* The one message of a capture that could not be written, naming the file system and the room
  * left on it, so a user knows where to make space. */
-static void report_write_failure(const char *out, int error)
-{
+static void report_write_failure(const char *out, int error) {
     std::string folder = out;
     size_t slash = folder.rfind('/');
     folder = slash == std::string::npos ? "." : slash == 0 ? "/" : folder.substr(0, slash);
     char real[PATH_MAX];
-    if (realpath(folder.c_str(), real))
-        folder = real;
+    if (realpath(folder.c_str(), real)) folder = real;
     std::string where = mount_point(folder);
     std::string fs = where.empty() ? "the file system of " + folder : "the file system on " + where;
     struct statvfs st;
@@ -208,8 +184,7 @@ static void report_write_failure(const char *out, int error)
     }
 }
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     bool partial = false;
     quarry::capture::WalkOptions options;
     const char *binary = nullptr;
@@ -256,8 +231,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "capture: cannot read the binary %s\n", binary);
         return 2;
     }
-    if (binary && version.empty())
-        fprintf(stderr, "capture: no version text in %s\n", binary);
+    if (binary && version.empty()) fprintf(stderr, "capture: no version text in %s\n", binary);
 
     /* The output's name is known to the handler before the file exists, and the file exists
      * only while the handler can see it. */
@@ -293,8 +267,7 @@ int main(int argc, char **argv)
         std::string text = "format=1\n" + device_keys(info);
         text += "uptime_start=" + uptime_start + "\nwall_start=" + std::to_string(wall_start) +
                 "\nuptime_end=" + uptime_end + "\nwall_end=" + std::to_string(wall_end) + "\n";
-        if (binary)
-            text += "binary_version=" + version + "\n";
+        if (binary) text += "binary_version=" + version + "\n";
         ok = writer.AddFile("capture-info", text) && writer.Finish();
     }
     int write_error = writer.error();
@@ -307,23 +280,18 @@ int main(int argc, char **argv)
         report_write_failure(out, write_error);
         return 1;
     }
-    for (const std::string &note : walked.notes)
-        fprintf(stderr, "capture: %s\n", note.c_str());
+    for (const std::string &note : walked.notes) fprintf(stderr, "capture: %s\n", note.c_str());
 
     /* What every report needs: without these the capture cannot answer -n, -s or -u. */
     std::vector<std::string> missing;
     for (const char *need : {"proc/meminfo", "proc/debug_ext/mem_statis/reserved_memory_stat",
                              "d/memblock/memory", "d/memblock/reserved"}) {
         bool found = false;
-        for (const std::string &name : walked.nonempty)
-            found = found || name == need;
-        if (!found)
-            missing.push_back(std::string("/") + need);
+        for (const std::string &name : walked.nonempty) found = found || name == need;
+        if (!found) missing.push_back(std::string("/") + need);
     }
-    if (!walked.device_maps)
-        missing.push_back("/proc/<pid>/maps");
-    if (missing.empty())
-        return 0;
+    if (!walked.device_maps) missing.push_back("/proc/<pid>/maps");
+    if (missing.empty()) return 0;
     for (const std::string &name : missing)
         fprintf(stderr, "capture: missing or empty: %s\n", name.c_str());
     if (partial) {

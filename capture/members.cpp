@@ -61,8 +61,8 @@ bool ParseMembers(std::string_view text, std::vector<Member>* members, std::stri
         if (words.empty() || words[0][0] == '#') continue;
         Member m;
         if (words.size() != 3 || !ParseLimit(words[1], &m.limit) || !ParseKeep(words[2], &m.keep)) {
-            *error = "line " + std::to_string(number) + ": not PATH LIMIT KEEP: " +
-                     std::string(line);
+            *error =
+                "line " + std::to_string(number) + ": not PATH LIMIT KEEP: " + std::string(line);
             return false;
         }
         m.folder = words[0].back() == '/';

@@ -142,7 +142,8 @@ bool Walker::Children(const Node& node, const std::string& device, const std::st
 
 bool Walker::Visit(const Node& node, const std::string& device, const std::string& rel,
                    std::vector<Entry>* held) {
-    if (node.member != nullptr && !node.member->folder) return File(*node.member, device, rel, held);
+    if (node.member != nullptr && !node.member->folder)
+        return File(*node.member, device, rel, held);
     if (!IsDirectory(device)) return true;
     // A folder the list names by a number (a process, a buffer) may go while it is read: what
     // was read of it waits until the walk knows whether it is still there.
@@ -189,7 +190,8 @@ bool Walker::File(const Member& m, const std::string& device, const std::string&
         case Keep::kLine: {
             if (ReadUpTo(device, m.limit, &s) != 0) return true;
             size_t newline = s.view().find('\n');
-            data.assign(s.view().substr(0, newline == std::string_view::npos ? s.size : newline + 1));
+            data.assign(
+                s.view().substr(0, newline == std::string_view::npos ? s.size : newline + 1));
             break;
         }
         case Keep::kHead:

@@ -30,10 +30,12 @@ std::string Cut(std::string maps) {
 }
 
 TEST(KeepDmabufLines, KeepsWhatTheReaderCountsOrStopsAt) {
-    const std::string lib = "7f00000000-7f00001000 r-xp 00000000 fd:05 1234 /system/lib64/libc.so\n";
+    const std::string lib =
+        "7f00000000-7f00001000 r-xp 00000000 fd:05 1234 /system/lib64/libc.so\n";
     const std::string anon = "7f00001000-7f00002000 rw-p 00000000 00:00 0 \n";
     const std::string buf = "7f00002000-7f00003000 rw-s 00000000 00:0a 40001     /dmabuf:gralloc\n";
-    const std::string deleted = "7f00003000-7f00004000 rw-s 00000000 00:0a 40002 /dmabuf (deleted)\n";
+    const std::string deleted =
+        "7f00003000-7f00004000 rw-s 00000000 00:0a 40002 /dmabuf (deleted)\n";
     const std::string lookalike = "7f00004000-7f00005000 rw-s 00000000 fd:05 7 /data/dmabuf\n";
     const std::string bad = "7f00005000-7f00006000\trw-s 00000000 00:0a 40003 /dmabuf:\n";
     const struct {
@@ -116,7 +118,10 @@ std::map<std::string, std::pair<char, std::string>> ReadBack(const std::string& 
         unsigned sum = 0;
         for (int i = 0; i < 512; i++) sum += (i >= 148 && i < 156) ? ' ' : block[i];
         EXPECT_EQ(sum, strtoul(reinterpret_cast<char*>(block + 148), nullptr, 8));
-        EXPECT_EQ(0, memcmp(block + 257, "ustar\0" "00", 8));
+        EXPECT_EQ(0, memcmp(block + 257,
+                            "ustar\0"
+                            "00",
+                            8));
         size_t size = strtoull(reinterpret_cast<char*>(block + 124), nullptr, 8);
         std::string data(size, '\0');
         if (size > 0) {
@@ -124,8 +129,10 @@ std::map<std::string, std::pair<char, std::string>> ReadBack(const std::string& 
         }
         char pad[512];
         if (size % 512) gzread(gz, pad, 512 - size % 512);
-        std::string name(reinterpret_cast<char*>(block), strnlen(reinterpret_cast<char*>(block), 100));
-        std::string prefix(reinterpret_cast<char*>(block + 345), strnlen(reinterpret_cast<char*>(block + 345), 155));
+        std::string name(reinterpret_cast<char*>(block),
+                         strnlen(reinterpret_cast<char*>(block), 100));
+        std::string prefix(reinterpret_cast<char*>(block + 345),
+                           strnlen(reinterpret_cast<char*>(block + 345), 155));
         if (block[156] == 'L') {
             longname = data.substr(0, data.find('\0'));
             continue;
