@@ -1,9 +1,10 @@
 // Writes a synthetic device tree for the -u / -n benchmark:  gen_tree DIR SCALE [bufinfo]
 // At scale 1: 1000 processes, each with 3000 maps lines (10 of them /dmabuf mappings) and 64
 // descriptors (8 of them DMA-BUF), and 2000 exported buffers; SCALE multiplies the processes
-// and the buffers (a fraction, such as 0.02, makes a small tree for tests). Line shapes follow real Android maps and DMA-BUF fdinfo files. The buffers
-// are sysfs directories, or with "bufinfo" the debug file system's table of a kernel without
-// the sysfs statistics (d/dma_buf/bufinfo, the 6.1 layout).
+// and the buffers (a fraction, such as 0.02, makes a small tree for tests). Line shapes follow
+// real Android maps and DMA-BUF fdinfo files. The buffers are sysfs directories, or with
+// "bufinfo" the debug file system's table of a kernel without the sysfs statistics
+// (d/dma_buf/bufinfo, the 6.1 layout).
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
