@@ -11,8 +11,9 @@
 # partition fills up starts failing its apps' writes. Before each capture there must be room for
 # the margin and the next capture, counted as twice the largest so far (a device's captures
 # grow as it runs more processes), or 4 MB before the first one (about ten times a phone-scale
-# capture's 0.43 MB: the archive is written straight into DIR, nothing is staged). A capture that leaves
-# less than the margin all the same is removed. Either way the recording stops with a message.
+# capture's 0.43 MB: the archive is written straight into DIR, nothing is staged). A capture
+# that leaves less than the margin all the same is removed. Either way the recording stops with
+# a message.
 # Exit status: 0 COUNT captures taken, or stopped by TERM or INT (the capture under way is
 # dropped); 2 usage; 4 stopped at the free-space margin; otherwise capture.sh's status
 # (1 not written, 3 incomplete: a non-root shell), when a capture fails.
