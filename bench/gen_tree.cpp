@@ -1,9 +1,10 @@
 // Writes a synthetic device tree for the -u / -n benchmark:  gen_tree DIR SCALE [bufinfo]
 // At scale 1: 1000 processes, each with 3000 maps lines (10 of them /dmabuf mappings) and 64
 // descriptors (8 of them DMA-BUF), and 2000 exported buffers; SCALE multiplies the processes
-// and the buffers. Line shapes follow real Android maps and DMA-BUF fdinfo files. The buffers
-// are sysfs directories, or with "bufinfo" the debug file system's table of a kernel without
-// the sysfs statistics (d/dma_buf/bufinfo, the 6.1 layout).
+// and the buffers (a fraction, such as 0.02, makes a small tree for tests). Line shapes follow
+// real Android maps and DMA-BUF fdinfo files. The buffers are sysfs directories, or with
+// "bufinfo" the debug file system's table of a kernel without the sysfs statistics
+// (d/dma_buf/bufinfo, the 6.1 layout).
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -57,8 +58,12 @@ int main(int argc, char** argv) {
     }
     const bool bufinfo = argc == 4;
     std::string root = argv[1];
-    int scale = atoi(argv[2]);
-    const int procs = 1000 * scale, buffers = 2000 * scale;
+    double scale = atof(argv[2]);
+    const int procs = static_cast<int>(1000 * scale), buffers = static_cast<int>(2000 * scale);
+    if (procs < 1) {
+        fprintf(stderr, "gen_tree: SCALE %s makes no process\n", argv[2]);
+        return 2;
+    }
     const int maps_lines = 3000, dmabuf_maps = 10, fds = 64, dmabuf_fds = 8;
     const unsigned long first_inode = 40000;
     char line[512];

@@ -27,13 +27,14 @@ if [ ! -x "$busybox" ]; then  # run.sh caches it; without that run, fetched here
   timeout 300 apt-get download -q busybox-static:arm64 >/dev/null 2>&1 &&
     dpkg-deb -x busybox-static_*_arm64.deb bb && busybox=$work/bb/bin/busybox
 fi
-# capture.sh is the device's own copy, wherever this tree keeps it.
+# The device's own capture.sh and the arm64 capture program beside it, as lab/run.sh gives them.
 capture=$top/capture/capture.sh
-[ -f "$capture" ] || capture=$top/snapshot/capture.sh
+program=$(realpath "${QUARRY_LAB_CAPTURE:-$(dirname "$binary")/../capture/quarry-capture}")
 mkdir -p root/bin root/lab root/proc root/sys root/dev root/tmp
 cp "$busybox" root/bin/busybox &&
   cp "$here/guest/build_init" root/init && cp "$here/guest/getprop" root/bin/getprop &&
-  cp "$capture" root/lab/capture.sh && chmod +x root/init root/bin/getprop root/lab/capture.sh
+  cp "$capture" root/lab/capture.sh && aarch64-linux-gnu-strip -o root/lab/quarry-capture "$program" &&
+  chmod +x root/init root/bin/getprop root/lab/capture.sh root/lab/quarry-capture
 check "builds: the guest's root is made" $? || exit 0
 (cd root && find . | cpio -o -H newc --quiet) >initrd.cpio
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The lab's recording check, run by lab/run.sh on the guest's console: takes the recording that
-# lab/guest/record_leak.sh printed (snapshot/record.sh while leak_client leaked a "lab-leak"
+# lab/guest/record_leak.sh printed (capture/record.sh while leak_client leaked a "lab-leak"
 # buffer every three seconds) and checks the recording itself, the leak in the tool's own
 # reports of its first and last captures, and the report's suspects. Prints "ok ..." / "FAIL ...".
 #   lab/record_leak.sh CONSOLE BINARY

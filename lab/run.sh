@@ -4,12 +4,15 @@
 # them against the kernel's own files; then replays a capture taken in the guest on this host
 # and checks that every report matches what the tool printed live.
 #   lab/run.sh [BINARY]      (default build/aarch64/tool/quarrystat)
+# The guest's captures are taken with capture/capture.sh and the arm64 quarry-capture of the
+# same build (QUARRY_LAB_CAPTURE, default BINARY's build's capture/quarry-capture).
 # Prints "N passed, N failed"; exits non-zero on any failure. The kernel is built once and
 # cached (lab/kernel/build.sh VERSION).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(dirname "$here")
 binary=$(realpath "${1:-$top/build/aarch64/tool/quarrystat}")
+program=$(realpath "${QUARRY_LAB_CAPTURE:-$(dirname "$binary")/../capture/quarry-capture}")
 cache=${QUARRY_LAB_CACHE:-/var/cache/quarrystat-lab}
 "$top/scripts/setup.sh" cross lab
 
@@ -37,12 +40,13 @@ fi
 mkdir -p root/bin root/lab root/proc root/sys root/dev root/tmp
 cp "$busybox" root/bin/busybox
 cp "$here/guest/init" root/init
-cp "$here/guest/checks.sh" "$here/guest/checks_bufinfo.sh" "$here/guest/sysfs_hidden.sh" "$top/snapshot/capture.sh" root/lab/
+cp "$here/guest/checks.sh" "$here/guest/checks_bufinfo.sh" "$here/guest/sysfs_hidden.sh" "$top/capture/capture.sh" root/lab/
 cp "$binary" root/lab/quarrystat
+aarch64-linux-gnu-strip -o root/lab/quarry-capture "$program"
 # The clients share one helper for their buffers (lab_dmabuf.c).
 cc=(aarch64-linux-gnu-gcc -static -O2 -Wall -Wextra -Werror)
 "${cc[@]}" -o root/lab/dmabuf_client "$here/guest/dmabuf_client.c" "$here/guest/lab_dmabuf.c"
-cp "$here/guest/before_after.sh" "$here/guest/record_leak.sh" "$top/snapshot/record.sh" root/lab/
+cp "$here/guest/before_after.sh" "$here/guest/record_leak.sh" "$top/capture/record.sh" root/lab/
 "${cc[@]}" -o root/lab/leak_client "$here/guest/leak_client.c" "$here/guest/lab_dmabuf.c"
 # The motion scenario: a churn client and its checks, run after the still ones.
 cp "$here/guest/motion.sh" root/lab/
@@ -91,6 +95,8 @@ passed=$(grep -c '^ok ' console.txt)
 failed=$(grep -c '^FAIL ' console.txt)
 grep -E '^(ok|FAIL) ' console.txt
 grep '^motion: ' console.txt
+# Figures the guest measured (not checks): what a capture costs against one run of -u.
+sed -n 's/^QUARRY-FIGURE /lab: /p' console.txt
 
 # Replay the capture on this host and compare each report with the live one.
 sed -n '/^QUARRY-CAPTURE-BEGIN$/,/^QUARRY-CAPTURE-END$/p' console.txt | sed '1d;$d' | base64 -d >capture.tar.gz

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the host scripts' archive as a user meets it: unpacked into an empty folder, its
 # checksums hold and its replay.sh runs every report of the sample's end-to-end cases on
-# CAPTURE (the sample snapshot, packed as capture.sh packs a device) with BINARY, printing what
+# CAPTURE (the sample snapshot, packed as a capture of a device) with BINARY, printing what
 # the cases' golden output says.
 #   check-host-archive.sh ARCHIVE BINARY CAPTURE
 # Exit status 0 when all holds; each problem is named on standard error.
@@ -16,7 +16,7 @@ problem() { echo "check-host-archive: $name: $*" >&2; status=1; }
 status=0
 tar -xzf "$archive" -C "$check" || { problem "cannot unpack"; exit 1; }
 (cd "$check/$name" && sha256sum --quiet -c SHA256SUMS) || problem "checksums differ"
-for f in README VERSION snapshot/replay.sh snapshot/unpack.py scripts/run-in-tree.sh; do
+for f in README VERSION snapshot/replay.sh snapshot/unpack.py scripts/run-in-tree.sh capture/members.txt; do
   [ -f "$check/$name/$f" ] || problem "no $f"
 done
 for case_dir in tests/e2e/cases/*-sample*/; do

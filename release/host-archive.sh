@@ -2,9 +2,11 @@
 # Packs the host-side scripts, the ones that replay and compare captures on a Linux machine,
 # into OUTDIR/quarrystat-VERSION-host-scripts.tar.gz:
 #   host-archive.sh VERSION EPOCH OUTDIR
-# Every snapshot/*.sh and snapshot/*.py of this tree goes in (capture.sh too, for a host that
-# lacks the device archive) with scripts/run-in-tree.sh, at the same paths as in the sources,
-# since replay.sh finds run-in-tree.sh at ../scripts/ from its own folder; beside them a README,
+# Every snapshot/*.sh and snapshot/*.py of this tree goes in with scripts/run-in-tree.sh and
+# capture/members.txt (what a capture may hold, which replay checks), at the same paths as in the
+# sources, since replay.sh finds run-in-tree.sh at ../scripts/ from its own folder and
+# snapshot/members.py the list at ../capture/; the device's scripts and program are the device
+# archive's (scripts/release.sh). Beside them a README,
 # VERSION and SHA256SUMS. Names sorted, owner root, every time EPOCH: the same tree gives the
 # same bytes. Prints the archive's path.
 set -euo pipefail
@@ -15,9 +17,9 @@ name=quarrystat-$version-host-scripts
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 dir=$stage/$name
-mkdir -p "$dir/snapshot" "$dir/scripts" "$out"
+mkdir -p "$dir/snapshot" "$dir/scripts" "$dir/capture" "$out"
 files=()
-for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh; do
+for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh capture/members.txt; do
   [ -f "$f" ] || continue
   case $f in */test_*) continue ;; esac
   cp "$f" "$dir/$f"
@@ -28,8 +30,7 @@ done
 # One line per packed file for the README: where it runs and what it is for.
 where() {
   case $1 in
-    snapshot/capture.sh) echo "device: copies the files quarrystat reads into one archive" ;;
-    snapshot/record.sh) echo "device: a capture at intervals, into a folder" ;;
+    capture/members.txt) echo "host: what a capture may hold, checked by replay" ;;
     snapshot/replay.sh) echo "host: runs a report of the binary on a capture" ;;
     snapshot/compare.sh) echo "host: what changed between two captures" ;;
     snapshot/report.py) echo "host: a page of a capture or a recording" ;;

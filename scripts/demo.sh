@@ -3,7 +3,7 @@
 # snapshot, or on the snapshot given instead:
 #   demo.sh [TREE | CAPTURE.tar.gz]
 # TREE is a directory laid out like a device's /proc, /d and /sys; CAPTURE is an archive made by
-# snapshot/capture.sh, replayed through snapshot/replay.sh (which checks it first).
+# capture/capture.sh, replayed through snapshot/replay.sh (which checks it first).
 # With QUARRY_BINARY set, that binary runs the reports and nothing is set up or built. Each
 # report is stopped after QUARRY_REPLAY_SECONDS (default 120), on a tree as on a capture.
 set -euo pipefail

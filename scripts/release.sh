@@ -2,8 +2,9 @@
 # Builds the release archives from this tree:
 #   dist/quarrystat-VERSION-aarch64-linux.tar.gz   (devices)
 #   dist/quarrystat-VERSION-x86_64-linux.tar.gz    (x86-64 hosts, and replaying captures there)
-# each holding the static binary, the manual page, the capture script, a short README, VERSION
-# and SHA256SUMS, all under quarrystat-VERSION-ARCH-linux/, and
+# each holding the static binary, the capture program and the scripts that run it (capture.sh,
+# record.sh), the manual page, a short README, VERSION and SHA256SUMS, all under
+# quarrystat-VERSION-ARCH-linux/ (release/device-archive.sh), and
 #   dist/quarrystat-VERSION-host-scripts.tar.gz    (replay, compare and their modules, for hosts)
 # (release/host-archive.sh); dist/SHA256SUMS lists the three. VERSION is the CMake project
 # version, which the binary also carries ("quarrystat version VERSION", for strings(1)).
@@ -27,21 +28,12 @@ trap 'rm -rf "$stage"' EXIT
 status=0
 for arch in x86_64 aarch64; do
   case $arch in
-    x86_64) binary=build/default/tool/quarrystat strip=strip qemu="" ;;
-    aarch64) binary=build/aarch64/tool/quarrystat strip=aarch64-linux-gnu-strip qemu=/usr/bin/qemu-aarch64-static ;;
+    x86_64) build=build/default strip=strip qemu="" ;;
+    aarch64) build=build/aarch64 strip=aarch64-linux-gnu-strip qemu=/usr/bin/qemu-aarch64-static ;;
   esac
   name=quarrystat-$version-$arch-linux
-  dir=$stage/$name
-  mkdir -p "$dir"
-  "$strip" -o "$dir/quarrystat" "$binary"
-  cp man/quarrystat.1 snapshot/capture.sh "$dir/"
-  sed "s/@VERSION@/$version/; s/@ARCH@/$arch/" release/README >"$dir/README"
-  echo "$version" >"$dir/VERSION"
-  chmod 755 "$dir/quarrystat" "$dir/capture.sh"
-  chmod 644 "$dir/quarrystat.1" "$dir/README" "$dir/VERSION"
-  (cd "$dir" && sha256sum quarrystat quarrystat.1 capture.sh README VERSION >SHA256SUMS)
-  tar --sort=name --owner=0 --group=0 --numeric-owner --mtime="@$epoch" -C "$stage" -cf - "$name" |
-    gzip -n -9 >"dist/$name.tar.gz"
+  STRIP=$strip release/device-archive.sh "$version" "$epoch" "$arch" "$build/tool/quarrystat" \
+    "$build/capture/quarry-capture" dist >/dev/null
 
   # What a user unpacks, checked.
   check=$stage/check-$arch
@@ -58,7 +50,8 @@ for arch in x86_64 aarch64; do
 done
 
 host=$(release/host-archive.sh "$version" "$epoch" dist)
-# The sample snapshot packed as capture.sh packs a device: /d a folder, no descriptor links.
+# The sample snapshot packed as a capture with whole files (as capture.sh --full keeps maps): /d
+# a folder, no descriptor links.
 tar -C sample/device --exclude=./proc/thread-self --exclude='./proc/*/fd' -czhf "$stage/sample.tar.gz" . &&
   release/check-host-archive.sh "$host" "$stage/check-x86_64/quarrystat-$version-x86_64-linux/quarrystat" \
     "$stage/sample.tar.gz" ||

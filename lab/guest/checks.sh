@@ -26,6 +26,26 @@ for args in "-s" "-p 0x8b900000" "-p 0xc0000000" "-k" "-kkernel_init" "-n" "-u";
 done
 /lab/capture.sh /tmp/capture.tar.gz >/dev/null 2>&1
 check "capture made a tarball" $?
+# What a capture costs against one run of -u on this board: a figure, not a check (the guest
+# is emulated, and its timings move with the host's load). Milliseconds, median of three each.
+ms() {
+	t=$(date +%s%N 2>/dev/null)
+	case $t in
+	*N | '') read -r up _ </proc/uptime; echo $(( ${up%.*} * 1000 + 10 * $(echo "${up#*.}" | sed 's/^0//') )) ;;
+	*) echo $((t / 1000000)) ;;
+	esac
+}
+median() { printf '%s\n' "$@" | sort -n | sed -n 2p; }
+c1='' c2='' c3='' u1='' u2='' u3=''
+for i in 1 2 3; do
+	s=$(ms); /lab/capture.sh /tmp/cost.tar.gz >/dev/null 2>&1; eval "c$i=\$((\$(ms) - s))"
+	s=$(ms); $Q -u >/dev/null 2>&1; eval "u$i=\$((\$(ms) - s))"
+done
+c=$(median "$c1" "$c2" "$c3") u=$(median "$u1" "$u2" "$u3")
+echo "QUARRY-FIGURE capture cost on $(uname -r): a capture $c ms, quarrystat -u $u ms, ratio" \
+	"$(awk -v c="$c" -v u="$u" 'BEGIN { if (u > 0) printf "%.1f", c / u; else print "unknown" }')" \
+	"(median of three each), $(wc -c </tmp/cost.tar.gz) bytes"
+rm -f /tmp/cost.tar.gz
 echo "QUARRY-CAPTURE-BEGIN"
 base64 /tmp/capture.tar.gz
 echo "QUARRY-CAPTURE-END"

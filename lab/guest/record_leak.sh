@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs in the lab guest after the before/after pair: records a series of captures
-# (snapshot/record.sh) while leak_client leaks one buffer every few seconds, and prints the
+# (capture/record.sh) while leak_client leaks one buffer every few seconds, and prints the
 # recording and the client's record for the host's check (lab/record_leak.sh).
 stable() {  # the buffer list, once it stops changing (processes of the pair are still exiting)
 	prev="" i=0

@@ -1,12 +1,25 @@
 #!/usr/bin/env bash
-# Tests of the user's snapshot scripts (snapshot/): capture under mksh, replay of a hostile
-# capture, and compare on the lab's before/after pair.
+# Tests of the user's capture and snapshot scripts (capture/, snapshot/): capture under mksh,
+# replay of a hostile capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
+# The capture program is QUARRY_CAPTURE (default: quarry-capture of BINARY's build).
 # Cases: compare-lab-pair, compare-builds, compare-same, compare-unreadable, compare-device-text, compare-binary,
 # truncated, hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete,
-# record-mksh, record-low-space.
+# record-mksh, record-low-space, capture-slim, capture-full-disk, capture-stop, capture-live,
+# device-archive.
 source "$(dirname "$0")/../case.sh"
+program=$(realpath "${QUARRY_CAPTURE:-$(dirname "$binary")/../capture/quarry-capture}")
 pair=tests/data/pair
+# A sanitizer build of the program cannot run in a device root: the sanitizers read their options
+# and stop the process for the leak check through its own /proc entries, which a device tree's
+# /proc does not have (in a chroot a process of a pid not known beforehand). Those cases skip;
+# capture-live runs such a build on this machine's own /proc.
+static_program() {
+  if ldd "$program" >/dev/null 2>&1; then
+    echo "skip $case_name: $program is dynamically linked (a sanitizer build); see capture-live"
+    exit 77
+  fi
+}
 # device_root DIR: a root laid out like the sample device, with mksh as its sh and the busybox
 # tools a device's shell has, for running capture.sh and record.sh as a device does.
 device_root() {
@@ -19,7 +32,18 @@ device_root() {
     ln -s busybox "$1/bin/$tool"
   done
   mknod -m 666 "$1/dev/null" c 1 3
-  cp snapshot/capture.sh snapshot/record.sh "$1/"
+  cp capture/capture.sh capture/record.sh "$1/"
+  add_program "$1"
+}
+# add_program ROOT: the capture program at ROOT/quarry-capture, with the shared libraries of a
+# dynamically linked build (the sanitizer one) at their own paths in ROOT.
+add_program() {
+  cp "$program" "$1/quarry-capture"
+  ldd "$program" >/dev/null 2>&1 || return 0
+  ldd "$program" | grep -o '/[^ ]*' | while read -r lib; do
+    mkdir -p "$1$(dirname "$lib")"
+    cp -L "$lib" "$1$lib"
+  done
 }
 # info ARCHIVE KEY: the value of KEY in the capture's capture-info
 info() { tar -xzOf "$1" ./capture-info | sed -n "s/^$2=//p"; }
@@ -247,6 +271,7 @@ time-bound)
   [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
   ;;
 capture-mksh)
+  static_program
   # capture.sh as a device runs it: mksh and busybox tools in a root laid out like the sample
   # device. It must write the archive, leave nothing else, and carry what the tool reads.
   root=$work/root
@@ -267,15 +292,16 @@ capture-mksh)
   timeout 60 chroot "$root" /bin/mksh /capture.sh /no/such/dir/capture.tar.gz 2>/dev/null &&
     fail "capture.sh succeeded writing into a missing folder"
   (cd "$root" && find . | LC_ALL=C sort) | diff "$work/after" - || fail "a failed capture left files behind"
-  # Nor does one stopped while it writes: here a tar that has begun its archive when TERM comes.
-  rm "$root/bin/tar"
-  printf '#!/bin/mksh\necho partial >"$2"\nsleep 30\n' >"$root/bin/tar"
-  chmod 755 "$root/bin/tar"
-  (cd "$root" && find . | LC_ALL=C sort) >"$work/before"
-  timeout -s TERM 2 chroot "$root" /bin/mksh /capture.sh /out/stopped.tar.gz 2>/dev/null
-  (cd "$root" && find . | LC_ALL=C sort) | diff "$work/before" - || fail "a stopped capture left files behind"
+  # Without the program beside it: one line, status 2, nothing written.
+  mv "$root/quarry-capture" "$work/aside"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/x.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 2 ] && grep -qx "capture: quarry-capture is not beside capture.sh (/quarry-capture): push it from the same archive" \
+    "$work/err" || fail "without the program: status $status: $(cat "$work/err")"
+  [ -e "$root/out/x.tar.gz" ] && fail "an archive without the program"
   ;;
 capture-info)
+  static_program
   # Where and when: each key from the device's own files, start before end, the binary's
   # version read from the binary itself; device text stays one line per key.
   root=$work/root
@@ -312,8 +338,16 @@ capture-info)
   status=$?
   [ $status = 2 ] && grep -qx "capture: cannot read the binary /nope" "$work/err" || fail "-b /nope: status $status: $(cat "$work/err")"
   [ -e "$root/out/e.tar.gz" ] && fail "an archive for a missing binary"
+  # Android's getprop names the model and the build, before the device tree; its text on one line.
+  printf '#!/bin/mksh\ncase $1 in\nro.product.model) busybox printf "Pixel\\r\\n9\\n" ;;\nro.build.fingerprint) echo google/x/y:15/AP3A/1:user/release-keys ;;\nesac\n' >"$root/bin/getprop"
+  chmod 755 "$root/bin/getprop"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/f.tar.gz 2>/dev/null || fail "capture.sh with getprop failed"
+  [ "$(info "$root/out/f.tar.gz" model)" = "Pixel  9" ] || fail "model from getprop: $(info "$root/out/f.tar.gz" model | cat -A)"
+  [ "$(info "$root/out/f.tar.gz" fingerprint)" = google/x/y:15/AP3A/1:user/release-keys ] ||
+    fail "fingerprint: $(info "$root/out/f.tar.gz" fingerprint)"
   ;;
 capture-incomplete)
+  static_program
   # A shell without root, where /d and the debug extension's tables are root's only: the files
   # -s needs are named, the status is 3 and no archive stays.
   root=$work/user
@@ -327,14 +361,6 @@ capture-incomplete)
     grep -qxF "capture: missing or empty: $f" "$work/err" || fail "without root: $f not named: $(cat "$work/err")"
   done
   [ -z "$(ls -A "$root/out")" ] && [ -z "$(ls -A "$root/data/local/tmp")" ] || fail "without root: left files"
-  # No staging folder (neither TMPDIR nor /tmp): it stops before copying anything anywhere.
-  (cd "$root" && find . -type f -exec md5sum {} + | LC_ALL=C sort) >"$work/before"
-  TMPDIR=/nowhere timeout 60 chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err"
-  status=$?
-  [ $status = 1 ] && grep -qx "capture: cannot make a staging folder in /nowhere" "$work/err" ||
-    fail "without a staging folder: status $status: $(cat "$work/err")"
-  (cd "$root" && find . -type f -exec md5sum {} + | LC_ALL=C sort) | diff "$work/before" - ||
-    fail "without a staging folder it wrote into the device's own paths"
   # A device without the tables at all: the same, and --partial keeps the archive.
   root=$work/root
   device_root "$root"
@@ -356,6 +382,7 @@ capture-incomplete)
   grep -qxF "capture: missing or empty: /proc/<pid>/maps" "$work/err" || fail "maps not named: $(cat "$work/err")"
   ;;
 record-mksh)
+  static_program
   # A recording: COUNT captures INTERVAL seconds apart, numbered on after an earlier run; a TERM
   # while a capture is being packed leaves only the complete ones and ends at once.
   root=$work/root
@@ -381,10 +408,8 @@ record-mksh)
   snapshot/replay.sh "$root/rec/capture-0002.tar.gz" "$binary" -s >"$work/replayed" 2>/dev/null
   scripts/run-in-tree.sh sample/device "$binary" -s >"$work/direct" 2>/dev/null
   diff "$work/direct" "$work/replayed" || fail "-s differs on a recorded capture"
-  # A tar that has begun its archive and takes long: TERM comes while it packs.
-  rm "$root/bin/tar"
-  printf '#!/bin/mksh\necho partial >"$2"\nexec sleep 30\n' >"$root/bin/tar"
-  chmod 755 "$root/bin/tar"
+  # A capture that has begun its archive and takes long: TERM comes while it writes.
+  printf '#!/bin/mksh\neval out=\\${$#}\necho partial >"$out"\nexec sleep 30\n' >"$root/quarry-capture"
   chroot "$root" /bin/mksh /record.sh 1 5 /rec >/dev/null 2>"$work/err" &
   pid=$!
   for _ in $(seq 100); do
@@ -402,29 +427,260 @@ record-mksh)
   [ "$(ls -A "$root/data/local/tmp")" = "" ] || fail "a staging folder left behind"
   ;;
 record-low-space)
-  # A target with little room: nothing at all below the default margin (64 MB); with a 1 MB
-  # margin, the recording stops by itself before a capture would cut into it.
+  static_program
+  # A target with little room: nothing at all below the default margin (64 MB) and a first
+  # capture counted as 4 MB; with a 1 MB margin, the first capture is counted before anything
+  # is written, and a capture that cuts into the margin all the same is removed.
   root=$work/root
   device_root "$root"
   mkdir -p "$root/rec"
-  mount -t tmpfs -o size=4m quarry-rec "$root/rec" || fail "cannot mount a tmpfs"
+  mount -t tmpfs -o size=8m quarry-rec "$root/rec" || fail "cannot mount a tmpfs"
   trap 'umount -l "$root/rec"; rm -rf "$work"' EXIT
   echo "quarry-rec /rec tmpfs rw 0 0" >"$root/proc/mounts"
   timeout 60 chroot "$root" /bin/mksh /record.sh 1 3 /rec 2>"$work/err"
   status=$?
   [ $status = 4 ] || fail "exit status $status, not 4: $(cat "$work/err")"
-  grep -q "^record: stopping after 0 captures: [0-9]* KB free in /rec, the next capture needs 65536 KB (64 MB kept free)$" \
+  grep -q "^record: stopping after 0 captures: [0-9]* KB free in /rec, the next capture needs 69632 KB (64 MB kept free)$" \
     "$work/err" || fail "message: $(cat "$work/err")"
   [ "$(ls -A "$root/rec")" = "" ] || fail "wrote $(ls -A "$root/rec")"
-  # With a 1 MB margin and 16 KB more free, the first capture fits; the next counts as ten
-  # times the first (the staging copy is uncompressed) and would cut into the margin.
-  avail=$(df -k --output=avail "$root/rec" | tail -1)
-  dd if=/dev/zero of="$root/rec/filler" bs=1k count=$((avail - 1024 - 16)) 2>/dev/null
+  # 16 KB short of the margin and the first capture's 4 MB: no capture at all (the first one
+  # used to count as 0 KB and fill the file system).
+  fill() {  # fill KB: leaves KB free on the tmpfs
+    rm -f "$root/rec/filler"
+    avail=$(df -k --output=avail "$root/rec" | tail -1)
+    dd if=/dev/zero of="$root/rec/filler" bs=1k count=$((avail - $1)) 2>/dev/null
+  }
+  fill $((1024 + 4096 - 16))
   timeout 60 chroot "$root" /bin/busybox sh /record.sh -m 1 1 5 /rec 2>"$work/err"
   status=$?
-  [ $status = 4 ] || fail "-m 1: exit status $status, not 4: $(cat "$work/err")"
-  grep -q "^record: stopping after 1 captures: " "$work/err" || fail "message: $(cat "$work/err")"
-  [ "$(ls -A "$root/rec" | tr '\n' ' ')" = "capture-0001.tar.gz filler " ] || fail "the folder holds: $(ls -A "$root/rec")"
+  [ $status = 4 ] || fail "-m 1, first capture: exit status $status, not 4: $(cat "$work/err")"
+  grep -q "^record: stopping after 0 captures: .* needs 5120 KB (1 MB kept free)$" "$work/err" ||
+    fail "-m 1, first capture: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec")" = filler ] || fail "-m 1, first capture: the folder holds $(ls -A "$root/rec")"
+  # Room for the estimate, but a capture of 4.5 MB: it cuts into the margin and is removed.
+  fill $((1024 + 4096 + 16))
+  mv "$root/quarry-capture" "$work/aside"
+  printf '#!/bin/mksh\neval out=\\${$#}\nhead -c 4608k /dev/zero >"$out"\n' >"$root/quarry-capture"
+  chmod 755 "$root/quarry-capture"
+  mknod -m 444 "$root/dev/zero" c 1 5
+  timeout 60 chroot "$root" /bin/busybox sh /record.sh -m 1 1 5 /rec 2>"$work/err"
+  status=$?
+  [ $status = 4 ] || fail "-m 1, a large capture: exit status $status, not 4: $(cat "$work/err")"
+  grep -q "^record: stopping after 0 captures: capture-0001.tar.gz left [0-9]* KB free in /rec, less than the 1 MB kept free; it was removed$" \
+    "$work/err" || fail "-m 1, a large capture: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec")" = filler ] || fail "-m 1, a large capture: the folder holds $(ls -A "$root/rec")"
+  # With room, captures of the sample go on until COUNT.
+  mv "$work/aside" "$root/quarry-capture"
+  rm "$root/rec/filler"
+  timeout 60 chroot "$root" /bin/busybox sh /record.sh -m 1 1 2 /rec 2>"$work/err" ||
+    fail "-m 1 with room: exit status $?: $(cat "$work/err")"
+  [ "$(ls -A "$root/rec" | tr '\n' ' ')" = "capture-0001.tar.gz capture-0002.tar.gz " ] || fail "the folder holds: $(ls -A "$root/rec")"
+  ;;
+capture-slim)
+  static_program
+  # A slim capture (maps cut to their /dmabuf lines) replays every report as the tree it was
+  # taken from, output, messages and status: on the sample, every fixture tree, and a small
+  # generated tree with the lines the tool's maps reader treats specially. Its members are the
+  # ones capture/members.txt allows, each within its limit.
+  gen=$(dirname "$binary")/../bench/gen_tree
+  mkdir "$work/gen"
+  "$gen" "$work/gen" 0.02 >/dev/null || fail "gen_tree failed"
+  # The sample's memory files (its /d is a link to sys/kernel/debug, as on a device).
+  cp -a sample/device/d "$work/gen/"
+  cp -a sample/device/sys/kernel/debug "$work/gen/sys/kernel/"
+  cp -a sample/device/proc/debug_ext sample/device/proc/iomem "$work/gen/proc/"
+  # A /dmabuf line longer than any read, a line the reader cannot parse (it stops there: the
+  # buffer after it must stay uncounted), an empty line and one cut by a NUL; a command line of
+  # more than the 4 KiB kept, with its NULs.
+  long=$(head -c 100000 /dev/zero | tr '\0' x)
+  printf '7f00000000-7f00100000 rw-s 00000000 00:0a 40001                      /dmabuf:%s\n' "$long" >>"$work/gen/proc/1000/maps"
+  { printf '\n7f10000000-7f10001000 rw-s 00000000 00:0a 40002 /dmabuf:\0tail\n'
+    printf 'not a maps line\n7f20000000-7f20001000 rw-s 00000000 00:0a 40003 /dmabuf:\n'; } >>"$work/gen/proc/1001/maps"
+  { printf 'com.example.app\0--flag\0'; head -c 5000 /dev/zero | tr '\0' y; } >"$work/gen/proc/1002/cmdline"
+  trees=("$work/gen" sample/device)
+  # Not dirs-for-files: folders where the tool reads files are no device's, and a capture holds
+  # files there or nothing.
+  for t in tests/fixtures/*/; do [ "$t" = tests/fixtures/dirs-for-files/ ] || trees+=("${t%/}"); done
+  for tree in "${trees[@]}"; do
+    label=${tree#"$work/"}
+    root=$work/root
+    rm -rf "$root" "$work/live" "$work/replayed"
+    mkdir -p "$root/out" "$work/live" "$work/replayed"
+    cp -a "$tree/." "$root/"
+    add_program "$root"
+    timeout 60 chroot "$root" /quarry-capture --partial /out/c.tar.gz 2>"$work/err"
+    status=$?
+    [ $status = 0 ] || [ $status = 3 ] || fail "$label: capture status $status: $(cat "$work/err")"
+    mv "$root/out/c.tar.gz" "$work/c.tar.gz"
+    scripts/run-in-tree.sh --each "$work/live" "$tree" "$binary" -u -n -s >/dev/null 2>&1 || fail "$label: run-in-tree failed"
+    snapshot/replay.sh --reports "$work/replayed" "$work/c.tar.gz" "$binary" 2>"$work/err" ||
+      fail "$label: replay failed: $(cat "$work/err")"
+    for mode in u n s; do
+      for part in out err status; do
+        cmp -s "$work/live/$mode.$part" "$work/replayed/$mode.$part" ||
+          fail "$label: -$mode: $part differs: $(diff "$work/live/$mode.$part" "$work/replayed/$mode.$part" | head -5)"
+      done
+    done
+    /usr/bin/python3 - "$work/c.tar.gz" <<'PY' || fail "$label: members the list does not allow"
+import sys, tarfile
+sys.path.insert(0, "snapshot")
+import members
+with tarfile.open(sys.argv[1]) as t:
+    for m in t.getmembers():
+        name = m.name[2:] if m.name.startswith("./") else m.name
+        if name in ("", "."):
+            continue
+        found = members.lookup(name, m.isdir())
+        if found is None or (m.isfile() and m.size > found.limit):
+            sys.exit("not allowed: %s (%d bytes)" % (m.name, m.size))
+PY
+  done
+  # What the generated tree's capture holds: the /dmabuf lines (the long one whole), the line the
+  # reader stops at and nothing after it, the first 4 KiB of the command line; --full keeps maps
+  # whole.
+  root=$work/root
+  rm -rf "$root"; mkdir -p "$root/out"; cp -a "$work/gen/." "$root/"; add_program "$root"
+  chroot "$root" /quarry-capture /out/slim.tar.gz && chroot "$root" /quarry-capture --full /out/full.tar.gz ||
+    fail "captures of the generated tree failed"
+  tar -xzOf "$root/out/slim.tar.gz" ./proc/1000/maps | grep -v '/dmabuf' && fail "slim maps hold other lines"
+  [ "$(tar -xzOf "$root/out/slim.tar.gz" ./proc/1000/maps | grep -c '/dmabuf')" = 11 ] || fail "not the 11 /dmabuf lines"
+  tar -xzOf "$root/out/slim.tar.gz" ./proc/1000/maps | tail -n 1 | cmp -s - <(tail -n 1 "$work/gen/proc/1000/maps") ||
+    fail "the long /dmabuf line is not whole"
+  tar -xzOf "$root/out/slim.tar.gz" ./proc/1001/maps | tail -n 2 | cmp -s - <(printf '7f10000000-7f10001000 rw-s 00000000 00:0a 40002 /dmabuf:\0tail\nnot a maps line\n') ||
+    fail "the cut line and the line the reader stops at are not the last kept"
+  tar -xzOf "$root/out/slim.tar.gz" ./proc/1002/cmdline | cmp -s - <(head -c 4096 "$work/gen/proc/1002/cmdline") ||
+    fail "cmdline is not its first 4 KiB"
+  tar -xzOf "$root/out/full.tar.gz" ./proc/1001/maps | cmp -s - "$work/gen/proc/1001/maps" || fail "--full did not keep maps whole"
+  [ "$(tar -tzf "$root/out/slim.tar.gz" | grep -c '/fdinfo/[0-9]')" = $((20 * 8)) ] || fail "not only the DMA-BUF fdinfo files"
+  ;;
+capture-full-disk)
+  static_program
+  # The archive's file system fills up: one message naming it and its free space, status 1, and
+  # no archive. The sample with 1 MB of filler maps text per process needs more than the room.
+  root=$work/root
+  device_root "$root"
+  for m in "$root"/proc/[0-9]*/maps; do
+    head -c 3000000 /dev/urandom | base64 -w 100 | sed 's/^/7f00000000-7f00001000 r--p 00000000 fd:05 1 \/x/' >>"$m"
+  done
+  mount -t tmpfs -o size=256k quarry-out "$root/out" || fail "cannot mount a tmpfs"
+  trap 'umount -l "$root/out"; rm -rf "$work"' EXIT
+  echo "quarry-out /out tmpfs rw 0 0" >"$root/proc/mounts"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh --full /out/c.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] || fail "exit status $status, not 1: $(cat "$work/err")"
+  grep -qx "capture: cannot write /out/c.tar.gz: No space left on device (the file system on /out has [0-9]* KB free); nothing kept" \
+    "$work/err" && [ "$(wc -l <"$work/err")" = 1 ] || fail "message: $(cat "$work/err")"
+  [ -z "$(ls -A "$root/out")" ] || fail "left behind: $(ls -A "$root/out")"
+  # The same without --full fits: only the /dmabuf lines are kept.
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err" || fail "slim: exit status $?: $(cat "$work/err")"
+  ;;
+capture-stop)
+  static_program
+  # TERM or INT at any moment of a capture: status 1 and no archive. First while the program is
+  # blocked in the middle of its archive (written into a FIFO that nobody reads), then at a
+  # range of moments of captures of a generated tree.
+  root=$work/root
+  device_root "$root"
+  "$(dirname "$binary")/../bench/gen_tree" "$root" 0.05 >/dev/null || fail "gen_tree failed"
+  for sig in TERM INT; do
+    mkfifo "$root/out/c.tar.gz"
+    chroot "$root" /bin/mksh /capture.sh --full /out/c.tar.gz 2>"$work/err" &
+    pid=$!
+    exec 3<"$root/out/c.tar.gz"
+    head -c 1000 <&3 >/dev/null
+    sleep 0.3
+    kill -$sig $pid
+    wait $pid
+    status=$?
+    exec 3<&-
+    [ $status = 1 ] || fail "$sig while blocked: status $status: $(cat "$work/err")"
+    [ -z "$(ls -A "$root/out")" ] || fail "$sig while blocked: left $(ls -A "$root/out")"
+  done
+  for delay in 0 0.01 0.02 0.04 0.08 0.15; do
+    for sig in TERM INT; do
+      chroot "$root" /bin/mksh /capture.sh /out/c.tar.gz 2>"$work/err" &
+      pid=$!
+      sleep $delay
+      kill -$sig $pid 2>/dev/null
+      wait $pid
+      status=$?
+      if [ $status = 0 ]; then
+        rm -f "$root/out/c.tar.gz"
+        continue
+      fi
+      # Before the shell has made the program of itself the shell's own default ends it.
+      [ $status = 1 ] || [ $status = $((128 + $(kill -l $sig))) ] || fail "$sig after $delay s: status $status: $(cat "$work/err")"
+      [ -z "$(ls -A "$root/out")" ] || fail "$sig after $delay s: left $(ls -A "$root/out")"
+    done
+  done
+  ;;
+capture-live)
+  # The program on this machine's own /proc and /sys, as on a device (the sanitizer build too):
+  # its archive replays, -u and -n as the tool prints them here give the same buffers; the
+  # archive's file system full: status 1, one message, nothing left.
+  "$program" --partial --info model=host "$work/c.tar.gz" 2>"$work/err"
+  status=$?
+  [ $status = 0 ] || [ $status = 3 ] || fail "status $status: $(cat "$work/err")"
+  grep -v '^capture: \(missing or empty: \|kept the incomplete\)' "$work/err" && fail "messages: $(cat "$work/err")"
+  [ "$(info "$work/c.tar.gz" model)" = host ] || fail "model: $(info "$work/c.tar.gz" model)"
+  [ "$(tar -tzf "$work/c.tar.gz" | grep -c '^\./proc/[0-9]*/$')" -gt 1 ] || fail "no processes captured"
+  snapshot/replay.sh "$work/c.tar.gz" "$binary" -n >"$work/out" 2>"$work/err2" || fail "replay -n: $(cat "$work/err2")"
+  grep -q "^Kernel" "$work/out" || grep -q "kB\|KB" "$work/out" || fail "replay -n printed: $(cat "$work/out")"
+  # Processes that start and exit while the capture runs: each process is in it whole (its comm,
+  # which anyone may read, and its fdinfo folder) or not at all, never a folder its process left
+  # half-read. (Its maps may be unreadable here: another process's, in a container.)
+  (end=$((SECONDS + 5)); while [ $SECONDS -lt $end ]; do for _ in 1 2 3 4 5 6 7 8; do sleep 0.01 & done; wait; done) &
+  churn=$!
+  for n in 1 2 3; do
+    "$program" --partial "$work/m$n.tar.gz" 2>/dev/null
+    /usr/bin/python3 - "$work/m$n.tar.gz" <<'PY' || fail "capture $n under churn: a process captured in part"
+import re, sys, tarfile
+names = set(tarfile.open(sys.argv[1]).getnames())
+pids = {m.group(1) for n in names for m in [re.match(r"\./proc/([0-9]+)$", n)] if m}
+bad = [p for p in pids if not {"./proc/%s/%s" % (p, f) for f in ("comm", "fdinfo")} <= names]
+sys.exit("no process" if not pids else "in part: %s" % bad if bad else 0)
+PY
+  done
+  kill $churn 2>/dev/null; wait $churn 2>/dev/null
+  mkdir "$work/full"
+  mount -t tmpfs -o size=16k quarry-full "$work/full" || fail "cannot mount a tmpfs"
+  trap 'umount -l "$work/full"; rm -rf "$work"' EXIT
+  "$program" --partial --full "$work/full/c.tar.gz" 2>"$work/err"
+  status=$?
+  [ $status = 1 ] || fail "full: status $status: $(cat "$work/err")"
+  grep -qx "capture: cannot write $work/full/c.tar.gz: No space left on device (the file system on $work/full has [0-9]* KB free); nothing kept" "$work/err" ||
+    fail "full: message: $(cat "$work/err")"
+  [ -z "$(ls -A "$work/full")" ] || fail "full: left $(ls -A "$work/full")"
+  ;;
+device-archive)
+  static_program
+  # The device archive as a user unpacks and pushes it: every file listed in SHA256SUMS, the
+  # README naming each and the one command, and capture.sh run from it in a device's root.
+  version=$(sed -n 's/^project(quarrystat VERSION \([0-9][0-9.]*\) .*/\1/p' CMakeLists.txt)
+  archive=$(release/device-archive.sh "$version" 0 x86_64 "$binary" "$program" "$work/dist") || fail "device-archive.sh failed"
+  name=quarrystat-$version-x86_64-linux
+  [ "$(tar -tzf "$archive" | LC_ALL=C sort | tr '\n' ' ')" = "$name/ $name/README $name/SHA256SUMS $name/VERSION $name/capture.sh $name/quarry-capture $name/quarrystat $name/quarrystat.1 $name/record.sh " ] ||
+    fail "contents: $(tar -tzf "$archive")"
+  root=$work/root
+  device_root "$root"
+  rm "$root/capture.sh" "$root/record.sh" "$root/quarry-capture"
+  tar -xzf "$archive" -C "$root/data/local/tmp" --strip-components=1
+  (cd "$root/data/local/tmp" && sha256sum --quiet -c SHA256SUMS) || fail "checksums differ"
+  [ "$(cut -c67- "$root/data/local/tmp/SHA256SUMS" | LC_ALL=C sort | tr '\n' ' ')" = "README VERSION capture.sh quarry-capture quarrystat quarrystat.1 record.sh " ] ||
+    fail "SHA256SUMS lists: $(cat "$root/data/local/tmp/SHA256SUMS")"
+  for f in quarrystat quarry-capture capture.sh record.sh; do
+    grep -q "^    $f  " "$root/data/local/tmp/README" || fail "README does not name $f"
+  done
+  grep -qx "    adb push quarrystat quarry-capture capture.sh record.sh /data/local/tmp/" "$root/data/local/tmp/README" ||
+    fail "README does not push the four files"
+  grep -qx "    adb shell sh /data/local/tmp/capture.sh /data/local/tmp/capture.tar.gz" "$root/data/local/tmp/README" ||
+    fail "README does not give the one command"
+  timeout 60 chroot "$root" /bin/busybox sh /data/local/tmp/capture.sh -b /data/local/tmp/quarrystat /data/local/tmp/c.tar.gz ||
+    fail "the archive's capture.sh: exit status $?"
+  [ "$(info "$root/data/local/tmp/c.tar.gz" binary_version)" = "$version" ] || fail "binary_version: $(info "$root/data/local/tmp/c.tar.gz" binary_version)"
+  snapshot/replay.sh "$root/data/local/tmp/c.tar.gz" "$binary" -u >"$work/replayed" 2>/dev/null
+  scripts/run-in-tree.sh sample/device "$binary" -u >"$work/direct" 2>/dev/null
+  diff "$work/direct" "$work/replayed" || fail "-u differs on the archive's capture"
   ;;
 *)
   fail "no such case"

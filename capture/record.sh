@@ -3,16 +3,19 @@
 # (0: until stopped), into DIR as capture-0001.tar.gz, capture-0002.tar.gz, ... Each is written
 # under a hidden temporary name (.capture-NNNN.tar.gz.part) and renamed once complete, so DIR
 # only ever holds complete captures; numbering continues after the captures DIR already has.
-# Runs in a device's root shell (mksh with toybox, or busybox), with capture.sh beside it:
+# Runs in a device's root shell (mksh with toybox, or busybox), with capture.sh and
+# quarry-capture beside it:
 #   sh record.sh [-b BINARY] [-m MARGIN_MB] INTERVAL COUNT DIR
 # -b is passed on to capture.sh (the binary's version goes into every capture's capture-info).
-# Free space: before each capture DIR's file system must keep MARGIN_MB (default 64) free after
-# it, counting the next capture as ten times the largest one so far: the capture stages the
-# files uncompressed before packing them (gzip shrinks procfs text five to ten times), maybe on
-# the same file system, and a phone whose data partition fills up starts failing its apps'
-# writes. When there is less, it stops with a message.
+# Free space: DIR's file system must keep MARGIN_MB (default 64) free, since a phone whose data
+# partition fills up starts failing its apps' writes. Before each capture there must be room for
+# the margin and the next capture, counted as twice the largest so far (a device's captures
+# grow as it runs more processes), or 4 MB before the first one (about ten times a phone-scale
+# capture's 0.43 MB: the archive is written straight into DIR, nothing is staged). A capture
+# that leaves less than the margin all the same is removed. Either way the recording stops with
+# a message.
 # Exit status: 0 COUNT captures taken, or stopped by TERM or INT (the capture under way is
-# dropped); 2 usage; 4 stopped before the free-space margin; otherwise capture.sh's status
+# dropped); 2 usage; 4 stopped at the free-space margin; otherwise capture.sh's status
 # (1 not written, 3 incomplete: a non-root shell), when a capture fails.
 set -u
 usage() {
@@ -125,7 +128,7 @@ fi
 # A sleep without fractions of a second rounds each wait up to the next whole second.
 fractions=0
 sleep 0.01 2>/dev/null && fractions=1
-largest_kb=0
+largest_kb=0 first_kb=4096
 started=$(now_cs)
 i=0
 while [ "$count" = 0 ] || [ "$i" -lt "$count" ]; do
@@ -150,7 +153,9 @@ while [ "$count" = 0 ] || [ "$i" -lt "$count" ]; do
 		echo "record: cannot tell the free space of $dir (df -k, stat -f); stopping" >&2
 		exit 4
 	fi
-	need=$((margin_mb * 1024 + 10 * largest_kb))
+	next_kb=$((2 * largest_kb))
+	[ "$next_kb" -gt 0 ] || next_kb=$first_kb
+	need=$((margin_mb * 1024 + next_kb))
 	if [ "$avail" -lt "$need" ]; then
 		echo "record: stopping after $taken captures: $avail KB free in $dir, the next capture" \
 			"needs $need KB ($margin_mb MB kept free)" >&2
@@ -170,6 +175,13 @@ while [ "$count" = 0 ] || [ "$i" -lt "$count" ]; do
 		rm -f "$tmp"
 		echo "record: $name failed (capture.sh exit status $status); stopping after $taken captures" >&2
 		exit $status
+	fi
+	avail=$(free_kb "$dir")
+	if [ -n "$avail" ] && [ "$avail" -lt $((margin_mb * 1024)) ]; then
+		rm -f "$tmp"
+		echo "record: stopping after $taken captures: $name left $avail KB free in $dir, less" \
+			"than the $margin_mb MB kept free; it was removed" >&2
+		exit 4
 	fi
 	mv "$tmp" "$dir/$name" || exit 1
 	tmp=
