@@ -262,8 +262,9 @@ def write_cache(cache, key, binary_key, rows):
 
 def _work(task):
     """One capture in a worker: its key, then its rows from the cache or from a replay.
-    Returns (index, key, stamp, status, replayed, row): row is the captures row of a refusal
-    that is not kept (see LASTING), else None."""
+    Returns (index, key, stamp, status, replayed, row): replayed is True after a replay, False
+    for rows kept by an earlier run, None for a file that could not be read; row is the
+    captures row of a refusal that is not kept (see LASTING), else None."""
     index, path, key = task
     stamp = _stamp(path)
     if key is None:
@@ -272,7 +273,7 @@ def _work(task):
         except OSError as e:
             error = capturefiles.ReplayError(2, "cannot read %s: %s" % (path, e.strerror))
             row = refused_rows(None, path, error)[0]
-            return index, None, None, row["status"], False, row
+            return index, None, None, row["status"], None, row
     status = cached_status(_job["cache"], key, _job["binary_key"])
     if status is not None:
         return index, key, stamp, status, False, None
@@ -317,13 +318,15 @@ class Progress:
 
     def __init__(self, total, stream):
         self.total, self.stream = total, stream
-        self.done = self.refused = self.replayed = 0
+        self.done = self.refused = self.replayed = self.kept = 0
         self.start = self.last = time.monotonic()
 
     def count(self, status, replayed):
+        """replayed: True after a replay, False for rows kept by an earlier run, None else."""
         self.done += 1
         self.refused += status != "replayed"
-        self.replayed += replayed
+        self.replayed += replayed is True
+        self.kept += replayed is False
         now = time.monotonic()
         if now - self.last >= PROGRESS_SECONDS and self.done < self.total:
             self.last = now
@@ -427,11 +430,15 @@ def export(binary, out, names, jobs, stream):
         raise Usage("no capture found in %s" % " ".join(reporttext.shown(n) for n in names))
     cache = os.path.join(out, ".cache")
     os.makedirs(cache, exist_ok=True)
-    lock = open(os.path.join(cache, "lock"), "w")
-    try:
-        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    except OSError:
-        raise Usage("another run is exporting into %s" % reporttext.shown(out))
+    with open(os.path.join(cache, "lock"), "w") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except OSError:
+            raise Usage("another run is exporting into %s" % reporttext.shown(out))
+        return _export(binary, out, cache, paths, jobs, stream)
+
+
+def _export(binary, out, cache, paths, jobs, stream):
     for f in os.listdir(cache):
         if f.startswith(".") and f.endswith(".tmp"):  # left by a stopped run
             os.unlink(os.path.join(cache, f))
@@ -476,7 +483,7 @@ def export(binary, out, names, jobs, stream):
     assemble(out, cache, entries)
     refused = sum(1 for d in done if d[2] != "replayed")
     print("fleet: %d captures (%d replayed now, %d from earlier runs, %d refused) in %s; "
-          "tables in %s" % (len(paths), progress.replayed, len(paths) - progress.replayed, refused,
+          "tables in %s" % (len(paths), progress.replayed, progress.kept, refused,
                             duration(time.monotonic() - progress.start), reporttext.shown(out)),
           file=stream, flush=True)
     return 1 if refused else 0
