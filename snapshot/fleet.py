@@ -27,6 +27,7 @@ import hashlib
 import json
 import multiprocessing
 import os
+import shutil
 import signal
 import sys
 import tempfile
@@ -210,19 +211,52 @@ def capture_rows(key, path, binary):
 _job = {}
 
 
-def _init(binary, binary_key, cache):
-    # Each worker leads a process group of its own, with the replays it starts: stopping the
-    # export stops the worker and its replay together, and a Ctrl-C at the terminal reaches
-    # the main process only, which stops them in order.
+def _init(binary, binary_key, cache, scratch):
+    # Each worker leads a process group of its own, so a Ctrl-C at the terminal reaches the
+    # main process only, which stops the workers in order.
     os.setpgrp()
     _job.update(binary=binary, binary_key=binary_key, cache=cache)
+    # A replay stopped midway cannot remove its own folders; they are made in the run's
+    # scratch folder, which the run removes however it ends.
+    os.environ["TMPDIR"] = tempfile.tempdir = scratch
 
     def stop(signum, frame):
         signal.signal(signal.SIGTERM, signal.SIG_IGN)
-        os.killpg(0, signal.SIGTERM)
+        _kill_below(os.getpid())
         raise SystemExit(128 + signum)
     signal.signal(signal.SIGTERM, stop)
     signal.signal(signal.SIGINT, signal.SIG_IGN)
+
+
+def _kill_below(root):
+    """Kills every process below root. replay.sh runs its bounded steps under timeout(1), which
+    puts each in a process group of its own, so the worker's group does not reach them; and an
+    unpacking left running after replay has removed its mount point writes onto the disk below
+    it. A second pass takes what was started while the first was killing."""
+    for _ in range(2):
+        children = {}
+        for name in os.listdir("/proc"):
+            if not name.isdigit():
+                continue
+            try:
+                with open("/proc/%s/stat" % name, "rb") as f:
+                    stat = f.read()
+            except OSError:
+                continue
+            # "pid (comm) state ppid ...": comm may hold blanks and parentheses.
+            fields = stat[stat.rfind(b")") + 2:].split()
+            if len(fields) > 1:
+                children.setdefault(int(fields[1]), []).append(int(name))
+        below, todo = [], [root]
+        while todo:
+            for pid in children.get(todo.pop(), ()):
+                below.append(pid)
+                todo.append(pid)
+        for pid in below:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except OSError:
+                pass
 
 
 def cache_path(cache, key):
@@ -459,17 +493,21 @@ def _export(binary, out, cache, paths, jobs, stream):
         done[i] = (key, stamp, status, None)
         progress.count(status, False)
     if tasks:
-        pool = multiprocessing.Pool(min(jobs, len(tasks)), _init, (binary, binary_key, cache))
+        scratch = tempfile.mkdtemp(prefix="quarry-fleet.")
         try:
-            for i, key, stamp, status, replayed, row in pool.imap_unordered(_work, tasks):
-                done[i] = (key, stamp, status, row)
-                progress.count(status, replayed)
-            pool.close()
-        except BaseException:
-            pool.terminate()
-            raise
+            pool = multiprocessing.Pool(min(jobs, len(tasks)), _init, (binary, binary_key, cache, scratch))
+            try:
+                for i, key, stamp, status, replayed, row in pool.imap_unordered(_work, tasks):
+                    done[i] = (key, stamp, status, row)
+                    progress.count(status, replayed)
+                pool.close()
+            except BaseException:
+                pool.terminate()
+                raise
+            finally:
+                pool.join()
         finally:
-            pool.join()
+            shutil.rmtree(scratch, ignore_errors=True)
     write_atomic(index_path, json.dumps(
         {os.path.realpath(p): d[1] + [d[0]] for p, d in zip(paths, done) if d[0] and d[1]},
         sort_keys=True))
