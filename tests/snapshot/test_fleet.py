@@ -199,8 +199,11 @@ class Export(unittest.TestCase):
         for i in range(12):
             files, info = fc.device("beta", "B2", 0, 2000 + i)
             pc.write_capture(os.path.join(farm, "new-%02d.tar.gz" % i), files, info)
+        scratch = os.path.join(self.dir.name, "tmp")
+        os.makedirs(scratch)
         p = subprocess.Popen(["/usr/bin/python3", FLEET, "--binary", pc.binary(), "-o", out, "-j", "1", farm],
-                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+                             env=dict(os.environ, TMPDIR=scratch))
         try:
             deadline = time.monotonic() + 120
             while not set(os.listdir(cache)) - kept - {"lock"} and time.monotonic() < deadline:
@@ -213,6 +216,9 @@ class Export(unittest.TestCase):
         self.assertIn("stopped", err)
         self.assertEqual(table_bytes(out), before)
         self.assertEqual([f for f in os.listdir(out) if f.startswith(".") and f != ".cache"], [])
+        # Nothing of the replay under way is left running or on disk.
+        time.sleep(0.5)
+        self.assertEqual(os.listdir(scratch), [])
         done = len([f for f in os.listdir(cache) if f.endswith(".json")]) - len([f for f in kept if f.endswith(".json")])
         self.assertGreaterEqual(done, 1)
         self.assertLess(done, 12, "the run finished before it was stopped")
