@@ -535,8 +535,8 @@ def main(argv):
                     "counters) in OUT; a folder stands for every capture in it.")
     ap.add_argument("--binary", required=True, help="the quarrystat binary to replay with")
     ap.add_argument("-o", dest="out", required=True, help="the folder of the tables")
-    ap.add_argument("-j", dest="jobs", type=int, default=os.cpu_count() or 1,
-                    help="captures replayed at once (default: the machine's cores)")
+    ap.add_argument("-j", dest="jobs", type=int, default=len(os.sched_getaffinity(0)),
+                    help="captures replayed at once (default: the cores this may run on)")
     ap.add_argument("captures", nargs="+", metavar="CAPTURE_OR_FOLDER")
     args = ap.parse_args(argv)
     if args.jobs < 1:

@@ -51,17 +51,16 @@ def main(binary):
     # the sample's own holders (dmabuf-test: 2 MiB + 64 KiB + 128 KiB a device, its 2 MiB
     # buffer held by two processes of that name counted once) on every build.
     base = 2 * MIB + 65536 + 131072
-    top = [(r["model"], r["build"], r["holder"], int(r["bytes"]), int(r["captures"]))
+    top = [(r["model"], r["build"], r["holder"], int(r["bytes"]), int(r["captures"]), int(r["bytes_per_capture"]))
            for r in queries["top holders"]["rows"]]
     want = []
     for m in fc.MODELS:
         for b in fc.BUILDS:
-            held = [("dmabuf-test", 2 * base, 2), ("kernel", 2 * 32768, 2)]
-            leaked = [n for n in fc.LEAKS[m] if n] if b == "B2" else []
-            if leaked:
-                held.append(("leaker", sum(leaked) * MIB, len(leaked)))
+            held = [("dmabuf-test", 2 * base), ("kernel", 2 * 32768)]
+            if b == "B2" and any(fc.LEAKS[m]):
+                held.append(("leaker", sum(fc.LEAKS[m]) * MIB))
             held.sort(key=lambda h: (-h[1], h[0]))
-            want += [(m, fc.build_name(b)) + h for h in held[:3]]
+            want += [(m, fc.build_name(b), name, held_bytes, 2, held_bytes // 2) for name, held_bytes in held[:3]]
     check(top, want, "top holders")
 
     # Regions: gpu_region, and only it, differs between the builds of each model.
