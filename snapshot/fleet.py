@@ -102,10 +102,18 @@ def identity(key, info):
 
 
 def command_lines(runs):
-    """{pid: command line} of the holders, where the capture holds proc/<pid>/cmdline.
-    FIXME: replay.sh does not copy the cmdline files out beside the reports yet; until it does,
-    every holder's cmdline is null."""
-    return {}
+    """{pid: [arguments]} of the processes whose proc/PID/cmdline the capture holds, from what
+    replay hands out as runs["cmdlines"] ({pid: the file's bytes}); a replay that hands out
+    none leaves every command line unknown (null)."""
+    out = {}
+    for pid, data in (runs.get("cmdlines") or {}).items():
+        # NUL-separated and NUL-terminated; an app that renames itself leaves NULs behind.
+        args = data.decode("utf-8", "surrogateescape").split("\0")
+        while args and args[-1] == "":
+            args.pop()
+        if any(args):  # none for a kernel thread or a process that was exiting
+            out[pid] = args
+    return out
 
 
 def holder(owner, cmdlines):

@@ -230,6 +230,20 @@ class Export(unittest.TestCase):
 
 
 class Rules(unittest.TestCase):
+    def test_holders_carry_their_command_lines_as_arguments(self):
+        real = capturefiles.replay
+
+        def with_cmdlines(path, binary, **kw):
+            runs = real(path, binary, **kw)
+            runs["cmdlines"] = {68: b"/system/bin/dmabuf-test\0--hold\0x y\0", 69: b"\0\0"}
+            return runs
+        with tempfile.TemporaryDirectory() as d:
+            path = pc.write_capture(os.path.join(d, "c.tar.gz"), pc.sample_files(), pc.info(10))
+            with mock.patch.object(capturefiles, "replay", with_cmdlines):
+                buffers = fleet.capture_rows("0" * 64, path, pc.binary())[1]
+        self.assertEqual({h["pid"]: h["cmdline"] for b in buffers for h in b["holders"]},
+                         {68: ["/system/bin/dmabuf-test", "--hold", "x y"], 69: None, None: None})
+
     def test_build_of_a_fingerprint(self):
         for fingerprint, build in (
                 ("google/oriole/oriole:14/UQ1A.240205.004/11269751:user/release-keys", "14/UQ1A.240205.004/11269751"),
