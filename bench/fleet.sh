@@ -2,8 +2,8 @@
 # Benchmark of the fleet export on phone-scale captures (not a test; asserts nothing):
 #   bench/fleet.sh [BINARY]        CAPTURES=1000 JOBS=2 EXTRA_BUFFERS=1000
 # gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers), slim as a recording
-# makes it: each process's maps file holds only its /dmabuf lines, and only the fdinfo files of
-# DMA-BUF descriptors are kept; EXTRA_BUFFERS more buffers are exported and held without a
+# makes it: each process's maps file holds only its /dmabuf lines, each process has a command
+# line, and only the fdinfo files of DMA-BUF descriptors are kept; EXTRA_BUFFERS more buffers are exported and held without a
 # mapping, and the sample's memory files are added so every report has something to say (as
 # bench/report.sh does). CAPTURES captures follow, of 4 models on 2 builds (the second grows
 # gpu_region), each with its own boot and times; every fifth leaks 1 to 8 more buffers. The
@@ -46,6 +46,8 @@ for pid in pids:
         keep = [l for l in f if b"/dmabuf" in l]
     with open(path, "wb") as f:
         f.writelines(keep)
+    with open(os.path.join(tree, "proc", str(pid), "cmdline"), "wb") as f:
+        f.write(b"/system/bin/bench_process_%d\0--serve\0" % pid)
     fdinfo = os.path.join(tree, "proc", str(pid), "fdinfo")
     for fd in os.listdir(fdinfo):
         with open(os.path.join(fdinfo, fd), "rb") as f:

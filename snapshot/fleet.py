@@ -44,12 +44,13 @@ TABLES = ("captures", "buffers", "regions", "counters")
 # The rows a capture gives depend on this file as well as on the capture and the binary: a
 # change to any row's shape bumps this, and every capture is replayed once more.
 CACHE_VERSION = 1
-# replay.sh's statuses for a capture it did not replay; any other is "failed".
-REFUSALS = {2: "unreadable", 3: "refused", 4: "truncated", 124: "timed-out"}
+# replay.sh's statuses for a capture it did not replay; any other is "failed". Status 5 is the
+# refusal of a report whose output passes replay's bound, where replay has that bound.
+REFUSALS = {2: "unreadable", 3: "refused", 4: "truncated", 5: "oversized", 124: "timed-out"}
 # A refusal that a later run would meet again (it follows from the archive's bytes) is kept
 # with the rows; one that may pass next time (out of time on a busy machine, a capture that
 # could not be read) is tried again.
-LASTING = ("refused", "truncated")
+LASTING = ("refused", "truncated", "oversized")
 PROGRESS_SECONDS = 2.0
 
 
