@@ -10,7 +10,7 @@
 #   6. every fuzz target for FUZZ_SECONDS (default 20) each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh fuzz cross valgrind lab browser
+scripts/setup.sh fuzz cross valgrind lab browser fleet
 for preset in default asan; do
   echo "=== $preset build"
   scripts/build.sh --brief "$preset"
