@@ -3,7 +3,7 @@
 # capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
 # Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
-# truncated, hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete,
+# truncated, hostile, hostile-names, hostile-root, time-bound, capture-mksh, capture-info, capture-incomplete,
 # record-mksh, record-low-space.
 source "$(dirname "$0")/../case.sh"
 pair=tests/data/pair
@@ -102,6 +102,107 @@ EOF
   [ $(($(date +%s) - start)) -lt 60 ] || fail "took $(($(date +%s) - start)) s"
   [ -e "/tmp/$escape" ] && { rm -f "/tmp/$escape"; fail "a member was written outside the capture"; }
   [ -e /etc/evil ] && fail "a link was made outside the capture"
+  ;;
+hostile-root)
+  # Nothing of a capture runs: a preload file with its library, an entry named quarrystat, a
+  # planted floor for the emulator. Each is refused, dropped by --drop-unsafe, and harmless even
+  # in a tree that holds it (the tool runs from a root of its own).
+  marker=$work/marker
+  cat >"$work/libx.c" <<'C'
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+/* What a capture's library would do as root: say so, leave the chroot, write on the host. */
+__attribute__((constructor)) static void run(void)
+{
+    puts("PRELOADED");
+    fflush(stdout);
+    if (chroot("/proc") == 0)
+        for (int i = 0; i < 64; i++)
+            if (chdir("..") != 0)
+                break;
+    if (chroot(".") != 0)
+        return;
+    int fd = open(MARKER, O_CREAT | O_WRONLY, 0644);
+    if (fd >= 0)
+        close(fd);
+}
+C
+  cc -shared -fPIC -DMARKER="\"$marker\"" -o "$work/libx.so" "$work/libx.c" || fail "cannot build the library"
+  # A dynamically linked tool: this build when it is one (the sanitizer build), else a stand-in.
+  dyn=$binary
+  if ! ldd "$binary" >/dev/null 2>&1; then
+    printf '#include <stdio.h>\nint main(void) { puts("dynamic"); return 0; }\n' |
+      cc -x c - -o "$work/dyn" || fail "cannot build a dynamic program"
+    dyn=$work/dyn
+  fi
+  # The arm64 tool under the emulator: the aarch64 build when there is one, else a stand-in.
+  arm=$top/build/aarch64/tool/quarrystat
+  if [ ! -x "$arm" ]; then
+    printf '#include <stdio.h>\nint main(void) { puts("arm64"); return 0; }\n' |
+      aarch64-linux-gnu-gcc -static -x c - -o "$work/arm" || fail "cannot build an arm64 program"
+    arm=$work/arm
+  fi
+  /usr/bin/python3 - "$pair/after.tar.gz" "$work" "$work/libx.so" <<'PY'
+import io, sys, tarfile
+src, work, lib = sys.argv[1:]
+with open(lib, "rb") as f:
+    lib = f.read()
+def file(name, data):
+    t = tarfile.TarInfo(name); t.size = len(data); t.mode = 0o755
+    return t, io.BytesIO(data)
+def folder(name):
+    t = tarfile.TarInfo(name); t.type = tarfile.DIRTYPE; t.mode = 0o755
+    return t, None
+def link(name, target):
+    t = tarfile.TarInfo(name); t.type = tarfile.SYMTYPE; t.linkname = target
+    return t, None
+extra = {
+    "preload": [file("./etc/ld.so.preload", b"/lib/libx.so\n"), file("./lib/libx.so", lib),
+                folder("./quarrystat"), file("./quarrystat/x", b"x\n")],
+    "link": [link("./quarrystat", "proc/meminfo")],
+    "floor": [file("./proc/sys/vm/mmap_min_addr", b"18446744073709547520\n")],
+}
+for name, members in extra.items():
+    with tarfile.open(src) as tin, tarfile.open(f"{work}/{name}.tar.gz", "w:gz") as tout:
+        for m in tin:
+            tout.addfile(m, tin.extractfile(m) if m.isreg() else None)
+        for m, data in members:
+            tout.addfile(m, data)
+PY
+  check_replay() {  # check_replay NAME BINARY DROPPED...: refused naming them; dropped, replays as the pair
+    local name=$1 bin=$2 status; shift 2
+    snapshot/replay.sh "$work/$name.tar.gz" "$bin" -n >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = 3 ] || fail "$name: exit status $status, not 3: $(cat "$work/err")"
+    for want in "$@"; do
+      grep -qF "replay: dropped $want: " "$work/err" || fail "$name: $want not named: $(cat "$work/err")"
+    done
+    [ -s "$work/out" ] && fail "$name: the tool ran on a refused capture"
+    snapshot/replay.sh "$pair/after.tar.gz" "$bin" -n >"$work/want" 2>/dev/null
+    QUARRY_REPLAY_SECONDS=30 snapshot/replay.sh --drop-unsafe "$work/$name.tar.gz" "$bin" -n >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = 0 ] || fail "$name --drop-unsafe: exit status $status: $(tail -2 "$work/err")"
+    diff -u "$work/want" "$work/out" >&2 || fail "$name --drop-unsafe: not the pair's report"
+  }
+  check_replay preload "$dyn" ./etc/ld.so.preload ./lib/libx.so ./quarrystat/ ./quarrystat/x
+  check_replay link "$dyn" ./quarrystat
+  check_replay floor "$arm" ./proc/sys/vm/mmap_min_addr
+  # The same files in a tree the tool runs on in place, past the unpacking's check.
+  mkdir -p "$work/tree" "$work/mnt"
+  tar -xzf "$work/preload.tar.gz" -C "$work/tree"
+  tar -xzf "$work/floor.tar.gz" -C "$work/tree" ./proc/sys
+  for bin in "$dyn" "$arm"; do
+    snapshot/replay.sh "$pair/after.tar.gz" "$bin" -n >"$work/want" 2>/dev/null
+    QEMU= ; [ "$bin" = "$arm" ] && QEMU=/usr/bin/qemu-aarch64-static
+    QEMU=$QEMU timeout 60 unshare -m bash -c 'mount -t tmpfs -o nodev,nosuid x "$1" && cp -a "$2" "$1/tree" &&
+      scripts/run-in-tree.sh --in-place "$1/tree" "$3" -n' run "$work/mnt" "$work/tree" "$bin" \
+      >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = 0 ] || fail "in place, $bin: exit status $status: $(tail -2 "$work/err")"
+    diff -u "$work/want" "$work/out" >&2 || fail "in place, $bin: not the pair's report"
+  done
+  [ -e "$marker" ] && fail "the capture's library ran and wrote on the host"
   ;;
 compare-device-text)
   # The lab pair with an exporter named "a|b" and a holder whose name retitles and clears a
