@@ -15,9 +15,9 @@ name=quarrystat-$version-host-scripts
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 dir=$stage/$name
-mkdir -p "$dir/snapshot" "$dir/scripts" "$out"
+mkdir -p "$dir/snapshot" "$dir/scripts" "$dir/capture" "$out"
 files=()
-for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh; do
+for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh capture/members.txt; do
   [ -f "$f" ] || continue
   case $f in */test_*) continue ;; esac
   cp "$f" "$dir/$f"
@@ -34,6 +34,7 @@ where() {
     snapshot/compare.sh) echo "host: what changed between two captures" ;;
     snapshot/report.py) echo "host: a page of a capture or a recording" ;;
     scripts/run-in-tree.sh) echo "host: used by replay.sh, runs the binary in a private tree" ;;
+    capture/members.txt) echo "both: what a capture may hold (replay refuses anything else)" ;;
     *.py) echo "host: a module of the scripts above" ;;
     *) echo "host: used by the scripts above" ;;
   esac
