@@ -165,7 +165,11 @@ def _split_exporter_owner(rest):
     The exporter ends at the first " | " from its sixteenth character on after which the owner
     column starts as owners do. Exporter names come from kernel drivers; process names come
     from any program, so a bar inside a process name never moves the cut."""
-    i = 16
+    # The tool pads to 16 bytes, not characters: a name beyond ASCII is fewer characters wide.
+    i = width = 0
+    while i < len(rest) and width < 16:
+        width += len(rest[i].encode("utf-8", "surrogateescape"))
+        i += 1
     while True:
         i = rest.find(" | ", i)
         if i < 0:

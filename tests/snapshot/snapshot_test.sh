@@ -3,7 +3,7 @@
 # capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
 # Cases: compare-lab-pair, compare-same, compare-unreadable, compare-device-text, compare-binary,
-# truncated, hostile, hostile-names, hostile-root, time-bound, capture-mksh, capture-info, capture-incomplete,
+# truncated, hostile, hostile-names, hostile-root, bounds, time-bound, capture-mksh, capture-info, capture-incomplete,
 # record-mksh, record-low-space.
 source "$(dirname "$0")/../case.sh"
 pair=tests/data/pair
@@ -204,6 +204,65 @@ PY
   done
   [ -e "$marker" ] && fail "the capture's library ran and wrote on the host"
   ;;
+bounds)
+  # What a capture makes the host do is bounded by what a device writes: a comm past its 64
+  # bytes is refused; a report past the output bound is stopped and refused (status 5) by replay,
+  # compare and report.py; a number no device prints makes a report malformed, said in one line.
+  /usr/bin/python3 - "$pair/after.tar.gz" "$work" <<'PY'
+import io, sys, tarfile
+src, work = sys.argv[1:]
+ones = b"1" * 5000
+changes = {
+    "comm": {"./proc/488/comm": b"x" * (1 << 20) + b"\n"},
+    "digits": {"./proc/debug_ext/mem_statis/reserved_memory_stat": None},
+}
+for name, new in changes.items():
+    with tarfile.open(src) as tin, tarfile.open(f"{work}/{name}.tar.gz", "w:gz") as tout:
+        for m in tin:
+            data = tin.extractfile(m).read() if m.isreg() else None
+            if m.name in new:
+                data = new[m.name] or data.replace(b"fdt_reserved total: size 1024 KB",
+                                                   b"fdt_reserved total: size " + ones + b" KB")
+                m.size = len(data)
+            tout.addfile(m, io.BytesIO(data) if data is not None else None)
+PY
+  snapshot/replay.sh "$work/comm.tar.gz" "$binary" -u >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 3 ] || fail "1 MB comm: exit status $status, not 3"
+  grep -qxF "replay: dropped ./proc/488/comm: 1048577 bytes, more than a capture holds there (64)" "$work/err" ||
+    fail "1 MB comm: $(head -c 300 "$work/err")"
+  mkdir "$work/reports"
+  check() {  # check STATUS MESSAGE COMMAND...: the status, the message, nothing on standard output
+    local want=$1 message=$2 status; shift 2
+    "$@" >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = "$want" ] || fail "$*: exit status $status, not $want: $(cat "$work/err")"
+    grep -qF "$message" "$work/err" || fail "$*: $(cat "$work/err")"
+    grep -q Traceback "$work/err" && fail "$*: a traceback"
+    [ -s "$work/out" ] && fail "$*: printed $(head -3 "$work/out")"
+    return 0
+  }
+  export QUARRY_REPLAY_OUTPUT=300
+  too_much="replay: refusing $(realpath $pair/after.tar.gz): its -u report passed 300 bytes of output"
+  check 5 "$too_much" snapshot/replay.sh --reports "$work/reports" $pair/after.tar.gz "$binary"
+  # One report to a file: what the file holds stops at the bound.
+  snapshot/replay.sh $pair/after.tar.gz "$binary" -u >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 5 ] && grep -qF "replay: refusing $(realpath $pair/after.tar.gz): its report passed 300 bytes" "$work/err" ||
+    fail "one report: exit status $status: $(cat "$work/err")"
+  [ "$(stat -c %s "$work/out")" -le 300 ] || fail "one report: $(stat -c %s "$work/out") bytes written"
+  check 5 "$too_much" snapshot/compare.sh $pair/after.tar.gz $pair/before.tar.gz "$binary"
+  check 5 "report.py: after.tar.gz: refused: replay: refusing after.tar.gz: its -u report passed 300" \
+    snapshot/report.py --binary "$binary" --json "$work/r.json" $pair/after.tar.gz
+  unset QUARRY_REPLAY_OUTPUT
+  check 2 "compare: cannot read $work/digits.tar.gz: its -s report is malformed: a number of 5000 digits" \
+    snapshot/compare.sh $pair/before.tar.gz "$work/digits.tar.gz" "$binary"
+  [ "$(wc -l <"$work/err")" = 1 ] || fail "compare: $(cat "$work/err")"
+  check 2 "report.py: digits.tar.gz: refused: a report is malformed: a number of 5000 digits" \
+    snapshot/report.py --binary "$binary" --json "$work/r.json" "$work/digits.tar.gz"
+  [ "$(wc -l <"$work/err")" = 1 ] || fail "report.py: $(cat "$work/err")"
+  [ -e "$work/r.json" ] && fail "report.py wrote a refused report"
+  ;;
 compare-device-text)
   # The lab pair with an exporter named "a|b" and a holder whose name retitles and clears a
   # terminal: the facts keep their columns and the escape bytes arrive as text.
@@ -211,6 +270,7 @@ compare-device-text)
 import io, sys, tarfile
 src, dst = sys.argv[1:]
 new = {"./sys/kernel/dmabuf/buffers/9/exporter_name": b"a|b\n",
+       "./sys/kernel/dmabuf/buffers/11/exporter_name": "c\u009b2J\u202eb\u2066\n".encode(),
        "./proc/488/comm": b"evil\x1b]0;pwned\x07\x1b[2J\n"}
 with tarfile.open(src) as tin, tarfile.open(dst, "w:gz") as tout:
     for m in tin:
@@ -223,7 +283,9 @@ PY
     fail "exit status $?: $(cat "$work/err")"
   grep -qxF 'dmabuf 9 became unmapped: 131072 bytes, a|b, held by [488]evil\x1b]0;pwned\x07\x1b[2J' "$work/out" ||
     fail "$(cat -v "$work/out")"
-  grep -q $'\x1b\|\x07' "$work/out" "$work/err" && fail "a control byte reached the terminal"
+  grep -qxF 'dmabuf 11 became unmapped: 262144 bytes, c\u009b2J\u202eb\u2066, held by [488]evil\x1b]0;pwned\x07\x1b[2J' "$work/out" ||
+    fail "$(cat -v "$work/out")"
+  grep -q $'\x1b\|\x07\|\u009b\|\u202e\|\u2066' "$work/out" "$work/err" && fail "a control character reached the terminal"
   ;;
 truncated)
   # A capture cut short (a download stopped midway) is refused as such, by replay and compare.
