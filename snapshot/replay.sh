@@ -60,7 +60,8 @@ status=0
 set -euo pipefail
 top=$1 mnt=$2 lenient=$3 seconds=$4 reports=$5 capture=$6 binary=$7 spill=$8 output=$9
 shift 9
-mount -t tmpfs -o mode=755,nodev,nosuid quarry-replay "$mnt"
+# No larger than unpack.py's bound on a capture's files (1 GiB), with room for its folders.
+mount -t tmpfs -o mode=755,nodev,nosuid,size=$(((1 << 30) + (64 << 20))) quarry-replay "$mnt"
 tree=$mnt/tree
 status=0
 # unpack.py makes each folder's entries in name order, as a copy of a tree is made: the tool
