@@ -89,20 +89,21 @@ if [ "$in_place" = 0 ]; then
     tar -x -p -f - -C "$root"
   device=$root
 else
+  folders=("$root")
+  for folder in proc d sys dev; do
+    if [ -d "$tree/$folder" ] && [ ! -L "$tree/$folder" ]; then folders+=("$root/$folder"); fi
+  done
   mkdir "$root"
   mount -t tmpfs -o mode=755,nodev,nosuid quarry-root "$root"
-  for folder in proc d sys dev; do
-    if [ -d "$tree/$folder" ] && [ ! -L "$tree/$folder" ]; then
-      mkdir "$root/$folder"
-      mount --bind "$tree/$folder" "$root/$folder"
-      mount -o remount,bind,ro,nodev,nosuid,noexec "$root/$folder"
-    fi
+  mkdir "${folders[@]:1}"
+  for folder in "${folders[@]:1}"; do
+    # (mount applies the read-only flags to a bind in a second step of its own.)
+    mount --bind -o ro,nodev,nosuid,noexec "$tree/${folder##*/}" "$folder"
   done
   # The tool reads nothing under /proc/sys; the emulator reads its address-space floor there
   # (vm/mmap_min_addr), and gets this host's own.
   if [ -d "$root/proc/sys" ]; then
-    mount --bind /proc/sys "$root/proc/sys"
-    mount -o remount,bind,ro,nodev,nosuid,noexec "$root/proc/sys"
+    mount --bind -o ro,nodev,nosuid,noexec /proc/sys "$root/proc/sys"
   fi
   device=$tree
   # A tree without proc still gets the tool's own /proc entries below, in the root's folder.

@@ -116,18 +116,21 @@ def capture_entry(path, binary, drop_unsafe):
         runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, unhosted(e.message, path))
-    try:
-        return _entry(path, runs)
-    except reporttext.Malformed as e:
-        raise Refused(2, "a report is malformed: %s" % e)
+    parsed = {}
+    for mode in ("u", "n", "s"):
+        try:
+            parsed[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
+        except reporttext.Malformed as e:
+            raise Refused(2, "its -%s report is malformed: %s" % (mode, e))
+    return _entry(path, runs, parsed)
 
 
-def _entry(path, runs):
+def _entry(path, runs, parsed):
     members = runs["files"]
     info = {k: v[:INFO_VALUE_LIMIT] for k, v in capturefiles.info_of(runs).items()}
     table = members[BUFINFO]
     names = bufinfo.parse(table)
-    u = reporttext.parse_unmapped(runs["u"].stdout)
+    u = parsed["u"]
     for row in u["rows"]:
         row["name"] = names["names"].get(row["inode"])
     entry = {
@@ -139,8 +142,8 @@ def _entry(path, runs):
                      for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(members[MEMORY]),
         "memory_table": members[MEMORY],
-        "reserved": reporttext.parse_reserved(runs["s"].stdout),
-        "kmem": reporttext.parse_kmem(runs["n"].stdout),
+        "reserved": parsed["s"],
+        "kmem": parsed["n"],
         "unmapped": u,
         "bufinfo": {"present": table is not None, "problems": names["problems"]},
     }

@@ -137,9 +137,29 @@ def link_leaves(rel, target):
     return where == ".." or where.startswith("../")
 
 
-def refusal(m, rel, size):
+class Shapes:
+    """LOOKUP, asked once per shape of path: a capture's 20,000 members are a few dozen shapes
+    (proc/<pid>/fdinfo/<fd> ...). A shape is the path with each component that reads as a
+    kernel's number (0, or 1-9 and at most 9 more digits) standing for any such number: the list
+    names no literal number, so a path's member depends only on its shape."""
+
+    def __init__(self):
+        self.known = {}
+
+    def __call__(self, rel, folder):
+        key = (folder,) + tuple(p if not p.isdigit() or not p.isascii() or len(p) > 10 or
+                                (p[0] == "0" and p != "0") else None for p in rel.split("/"))
+        try:
+            return self.known[key]
+        except KeyError:
+            member = self.known[key] = LOOKUP(rel, folder)
+            return member
+
+
+def refusal(m, rel, size, lookup=None):
     """Why a capture cannot hold member m (at rel, its relative name, holding size bytes), or
-    None when it can; "" for the capture's root itself, which is left alone unnamed."""
+    None when it can; "" for the capture's root itself, which is left alone unnamed. lookup
+    stands for LOOKUP (a Shapes)."""
     if has_control(m.name) or (m.linkname and has_control(m.linkname)):
         # capture.sh never writes such a name, and a newline in one would pass for two names
         # wherever a list of the tree is read line by line.
@@ -157,9 +177,10 @@ def refusal(m, rel, size):
     if m.kind not in REGULAR + (b"1", b"5"):
         return KINDS.get(m.kind, "special file")
     folder = m.kind == b"5"
-    member = LOOKUP(rel, folder)
+    lookup = lookup or LOOKUP
+    member = lookup(rel, folder)
     if member is None:
-        if LOOKUP(rel, not folder) is not None:
+        if lookup(rel, not folder) is not None:
             return "a folder where a capture holds a file" if folder else \
                 "a file where a capture holds a folder"
         return "not a member a capture holds (capture/members.txt)"
@@ -484,7 +505,7 @@ def unpack(f, label, dest, err=sys.stderr, spill=None):
                 continue
             if rel and m.kind == b"2":
                 links.add(rel)
-            if rel and (why is None or m.kind == b"2") and through_link(links, rel):
+            if links and rel and (why is None or m.kind == b"2") and through_link(links, rel):
                 why = "its path runs through a link"
             if why is not None:
                 drop(m.name, why)
@@ -522,6 +543,7 @@ def gather(stream, label, held):
     written = 0
     links = 0
     last = None                  # the last member read whole
+    shapes = Shapes()
 
     def write(size):             # counts a file to be written, before its data is read
         nonlocal written
@@ -543,7 +565,7 @@ def gather(stream, label, held):
                     raise Refused(2, f"replay: {shown(label)} holds more than {MAX_LINKS} "
                                      "links; not a capture")
             data = None
-            why = refusal(m, rel, m.size)
+            why = refusal(m, rel, m.size, shapes)
             try:
                 if m.kind in REGULAR and why is None:
                     write(m.size)
@@ -561,7 +583,7 @@ def gather(stream, label, held):
                     # A copy of the file, with its mode: a hard link shares both.
                     _, source, data, _ = entries[target]
                     m = m._replace(size=source.size, mode=source.mode)
-                    why = refusal(m, rel, m.size)
+                    why = refusal(m, rel, m.size, shapes)
                     if why is None:
                         write(m.size)
                     else:

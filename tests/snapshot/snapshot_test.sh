@@ -258,7 +258,7 @@ PY
   check 2 "compare: cannot read $work/digits.tar.gz: its -s report is malformed: a number of 5000 digits" \
     snapshot/compare.sh $pair/before.tar.gz "$work/digits.tar.gz" "$binary"
   [ "$(wc -l <"$work/err")" = 1 ] || fail "compare: $(cat "$work/err")"
-  check 2 "report.py: digits.tar.gz: refused: a report is malformed: a number of 5000 digits" \
+  check 2 "report.py: digits.tar.gz: refused: its -s report is malformed: a number of 5000 digits" \
     snapshot/report.py --binary "$binary" --json "$work/r.json" "$work/digits.tar.gz"
   [ "$(wc -l <"$work/err")" = 1 ] || fail "report.py: $(cat "$work/err")"
   [ -e "$work/r.json" ] && fail "report.py wrote a refused report"
