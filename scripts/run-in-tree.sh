@@ -22,8 +22,8 @@
 #                    emulator (and valgrind), with the tree's proc, d, sys and dev bound in
 #                    read-only: nothing else of the tree is in sight, so no file of a capture
 #                    stands where a loader, an emulator or the binary looks (an
-#                    etc/ld.so.preload, a lib/, a proc/sys/vm/mmap_min_addr elsewhere than
-#                    under proc, an entry named quarrystat), and the tool cannot change the tree
+#                    etc/ld.so.preload, a lib/, an entry named quarrystat; a proc/sys of the
+#                    tree is covered by this host's own), and the tool cannot change the tree
 #   --each OUTDIR    run the tool once per OPTION (such as -u) on the one copy, each for at most
 #                    QUARRY_RUN_SECONDS (default 120; status 124 when stopped), writing
 #                    OUTDIR/NAME.out, NAME.err and NAME.status, NAME being the option without
@@ -89,16 +89,14 @@ if [ "$in_place" = 0 ]; then
     tar -x -p -f - -C "$root"
   device=$root
 else
-  folders=("$root")
-  for folder in proc d sys dev; do
-    if [ -d "$tree/$folder" ] && [ ! -L "$tree/$folder" ]; then folders+=("$root/$folder"); fi
-  done
   mkdir "$root"
   mount -t tmpfs -o mode=755,nodev,nosuid quarry-root "$root"
-  mkdir "${folders[@]:1}"
-  for folder in "${folders[@]:1}"; do
-    # (mount applies the read-only flags to a bind in a second step of its own.)
-    mount --bind -o ro,nodev,nosuid,noexec "$tree/${folder##*/}" "$folder"
+  for folder in proc d sys dev; do
+    if [ -d "$tree/$folder" ] && [ ! -L "$tree/$folder" ]; then
+      mkdir "$root/$folder"
+      # (mount applies the read-only flags to a bind in a second step of its own.)
+      mount --bind -o ro,nodev,nosuid,noexec "$tree/$folder" "$root/$folder"
+    fi
   done
   # The tool reads nothing under /proc/sys; the emulator reads its address-space floor there
   # (vm/mmap_min_addr), and gets this host's own.

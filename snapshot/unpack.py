@@ -11,9 +11,9 @@ name (an etc/ld.so.preload, a lib/, a proc/sys/vm/mmap_min_addr, a file named qu
 file larger than its member's limit (a 1 MB comm), a folder where a file belongs and the other
 way round, device nodes and FIFOs (reading them would hang the tool or reach this host's
 devices), sockets, sparse and other special members, names that climb out with "..", names
-holding control characters, and links of every kind but hard links to a file of the capture
-(a capture never holds one; a link out of it is named as such). A dropped member's data is
-skipped, never held. Absolute names are unpacked inside DEST, and said so once. Hard links
+holding control characters, symbolic links (a capture never holds one; none is made, and one
+that leads out is named as such) and hard links to anything but a file of the capture. A
+dropped member's data is skipped, never held. Absolute names are unpacked inside DEST, and said so once. Hard links
 become copies of a regular file met earlier. DEST is expected empty: a regular file already
 there counts as one of the capture's.
 
