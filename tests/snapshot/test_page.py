@@ -172,6 +172,19 @@ class Page(unittest.TestCase):
                                             "no boot clock time (an older capture)"])
         self.assertFalse(os.path.exists(self.path("t.json")))
 
+    def test_rows_bounded_over_the_captures(self):
+        import report as report_py
+        rec = self.path("rec")
+        pc.recording(rec, count=3)
+        files, recording = report_py.expand([rec])
+        rows = len(report_py.capture_entry(files[0], pc.binary(), False)["unmapped"]["rows"])
+        self.assertGreater(rows, 0)
+        saved, report_py.MAX_ROWS = report_py.MAX_ROWS, 2 * rows
+        self.addCleanup(setattr, report_py, "MAX_ROWS", saved)
+        with self.assertRaisesRegex(report_py.Refused, r"^capture-0003.tar.gz: the captures up to it "
+                                    r"hold \d+ unmapped DMA-BUF rows, more than one report holds"):
+            report_py.build(files, recording, pc.binary(), False, True, lambda text: None)
+
 
 class Drawing(unittest.TestCase):
     def test_unknown_figures_and_sums_that_differ_are_said(self):
