@@ -56,6 +56,15 @@ def buffer(root, inode, size, exporter, pid, fd):
 
 for i in range(extra):
     buffer(tree, 900000 + i, 4096 * (1 + i % 64), ("system", "gpu", "camera")[i % 3], pids[i % len(pids)], 9000 + i)
+# A capture holds only what capture/members.txt lists; replay refuses anything else.
+sys.path.insert(0, os.path.join(top, "snapshot"))
+import members
+for folder, dirs, files in os.walk(tree, topdown=False):
+    rel = os.path.relpath(folder, tree)
+    for name in files + dirs:
+        path = os.path.join(folder, name)
+        if members.lookup(os.path.normpath(os.path.join(rel, name)), name in dirs) is None:
+            shutil.rmtree(path) if name in dirs else os.unlink(path)
 os.makedirs(os.path.join(work, "rec"))
 for n in range(count):
     over = os.path.join(work, "over%d" % n)

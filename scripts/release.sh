@@ -51,8 +51,9 @@ done
 
 host=$(release/host-archive.sh "$version" "$epoch" dist)
 # The sample snapshot packed as a capture with whole files (as capture.sh --full keeps maps): /d
-# a folder, no descriptor links.
-tar -C sample/device --exclude=./proc/thread-self --exclude='./proc/*/fd' -czhf "$stage/sample.tar.gz" . &&
+# a folder, no descriptor links, only what a capture may hold (capture/members.txt).
+(cd sample/device && /usr/bin/python3 ../../snapshot/members.py . |
+  tar -czhf "$stage/sample.tar.gz" --null --no-recursion -T -) &&
   release/check-host-archive.sh "$host" "$stage/check-x86_64/quarrystat-$version-x86_64-linux/quarrystat" \
     "$stage/sample.tar.gz" ||
   { echo "release.sh: $host: its replay.sh does not replay the sample capture" >&2; status=1; }

@@ -11,13 +11,19 @@
 # copied in beside it. With QEMU set to a static user-mode emulator, a foreign binary runs
 # through it inside the tree. With VALGRIND set to "memcheck", a dynamically linked binary runs
 # under valgrind, which is copied in as well; its report goes to VALGRIND_LOG (a host path) if
-# set, else to standard error.
+# set, else to standard error. With QUARRY_OUTPUT_LIMIT set (bytes), the tool may write no file
+# past that size (prlimit --fsize): a report past it ends by SIGXFSZ, status 153.
 #   --user UID       run as that uid (to meet files the tool may not read); needs real root
 #   --prepare SCRIPT run SCRIPT with the copy as working directory before the tool starts
-#   --in-place       TREE is already the tool's private root: a nodev,nosuid tmpfs of the caller's
-#                    own mount namespace, made in name order (replay.sh unpacks a capture so).
-#                    No namespace, tmpfs or copy is made; the tool, and what it needs to run,
-#                    are added to TREE itself
+#   --in-place       TREE is a capture's tree, on a nodev,nosuid tmpfs of the caller's own mount
+#                    namespace, made in name order (replay.sh unpacks a capture so). No namespace
+#                    or copy is made. The tool runs from a root of its own instead, a fresh
+#                    tmpfs at TREE.root holding only the binary, its loader and libraries, the
+#                    emulator (and valgrind), with the tree's proc, d, sys and dev bound in
+#                    read-only: nothing else of the tree is in sight, so no file of a capture
+#                    stands where a loader, an emulator or the binary looks (an
+#                    etc/ld.so.preload, a lib/, an entry named quarrystat; a proc/sys of the
+#                    tree is covered by this host's own), and the tool cannot change the tree
 #   --each OUTDIR    run the tool once per OPTION (such as -u) on the one copy, each for at most
 #                    QUARRY_RUN_SECONDS (default 120; status 124 when stopped), writing
 #                    OUTDIR/NAME.out, NAME.err and NAME.status, NAME being the option without
@@ -45,7 +51,7 @@ shift 2
 [ -d "$tree" ] || { echo "$0: no such tree: $tree" >&2; exit 2; }
 
 if [ $in_place = 1 ]; then
-  root=$tree
+  root=$tree.root
   ns=()
 else
   root=$(mktemp -d /tmp/quarry-tree.XXXXXX)
@@ -64,11 +70,16 @@ if [ -n "${VALGRIND:-}" ]; then
   chmod 777 "$vglog"
 fi
 set +e
-"${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$each" \
-  "$in_place" "$@" <<'INNER'
+# The tool's standard error is fd 3 here: this shell's own goes nowhere while the tool runs, so
+# that a tool killed by a signal (SIGXFSZ past QUARRY_OUTPUT_LIMIT) ends with its status alone,
+# without the shell's line about the signal (which would hold this whole script).
+{ "${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$each" \
+  "$in_place" "$@" 2>&3 3>&- <<'INNER'
 set -euo pipefail
 tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7 each=$8 in_place=$9
 shift 9
+# device: the writable folder that the tool sees as its root's device folders (where the tool's
+# own /proc entries are bound in for a sanitizer build, and where --prepare runs).
 if [ "$in_place" = 0 ]; then
   mount -t tmpfs -o mode=755,nodev,nosuid quarry-tree "$root"
   # The list is NUL-separated and taken verbatim: a name may hold a newline, and a line of it
@@ -76,6 +87,25 @@ if [ "$in_place" = 0 ]; then
   (cd "$tree" && find . -mindepth 1 -print0 | LC_ALL=C sort -z |
     tar -c --no-recursion --null --verbatim-files-from -T - -f -) |
     tar -x -p -f - -C "$root"
+  device=$root
+else
+  mkdir "$root"
+  mount -t tmpfs -o mode=755,nodev,nosuid quarry-root "$root"
+  for folder in proc d sys dev; do
+    if [ -d "$tree/$folder" ] && [ ! -L "$tree/$folder" ]; then
+      mkdir "$root/$folder"
+      # (mount applies the read-only flags to a bind in a second step of its own.)
+      mount --bind -o ro,nodev,nosuid,noexec "$tree/$folder" "$root/$folder"
+    fi
+  done
+  # The tool reads nothing under /proc/sys; the emulator reads its address-space floor there
+  # (vm/mmap_min_addr), and gets this host's own.
+  if [ -d "$root/proc/sys" ]; then
+    mount --bind -o ro,nodev,nosuid,noexec /proc/sys "$root/proc/sys"
+  fi
+  device=$tree
+  # A tree without proc still gets the tool's own /proc entries below, in the root's folder.
+  [ -d "$tree/proc" ] || device=$root
 fi
 cp "$binary" "$root/quarrystat"
 # Shared libraries and the loader of a dynamic program, at their own paths.
@@ -93,16 +123,16 @@ fi
 # The tree is prepared before the tool's own /proc entries are bound in, so that a script that
 # changes proc/*/maps meets only the tree's processes.
 if [ -n "$prepare" ]; then
-  (cd "$root" && bash "$prepare")
+  (cd "$device" && bash "$prepare")
 fi
 # A sanitizer build (and valgrind) needs the process's own /proc entries: its options come from
 # /proc/self/environ, and the leak check stops the process through /proc/self/task. The shell
 # below execs the tool under the same pid, so that pid's real entries are bound into the tree's
 # /proc. The tool then meets one more process, itself, which holds no DMA-BUF buffers.
 if [ -z "$each" ] && [ "$dynamic" = 1 ] && [ ! -e "$root/proc/self" ] && [ ! -e "$root/proc/$$" ]; then
-  mkdir -p "$root/proc/$$"
+  mkdir -p "$device/proc/$$"
   mount --bind "/proc/$$" "$root/proc/$$"
-  ln -s "$$" "$root/proc/self"
+  ln -s "$$" "$device/proc/self"
 fi
 cmd=(/quarrystat)
 if [ -n "$valgrind" ]; then
@@ -136,6 +166,8 @@ if [ -n "$valgrind" ]; then
 fi
 as_user=()
 [ -z "$user" ] || as_user=(--userspec="$user:$user")
+limit=()
+[ -z "${QUARRY_OUTPUT_LIMIT:-}" ] || limit=(prlimit --fsize="$QUARRY_OUTPUT_LIMIT" --)
 # QUARRY_AS_LIMIT_KB: an address-space limit, to make the tool run out of memory.
 [ -z "${QUARRY_AS_LIMIT_KB:-}" ] || ulimit -v "$QUARRY_AS_LIMIT_KB"
 if [ -n "$each" ]; then
@@ -147,28 +179,31 @@ if [ -n "$each" ]; then
   for option in "$@"; do
     name=${option##*-}
     status=0
-    timeout -k 5 "${QUARRY_RUN_SECONDS:-120}" bash -c '
-      root=$1 bind=$2 pidfile=$3
-      shift 3
+    # (The group's own standard error is dropped, as above; the tool's goes to NAME.err.)
+    { timeout -k 5 "${QUARRY_RUN_SECONDS:-120}" bash -c '
+      root=$1 device=$2 bind=$3 pidfile=$4
+      shift 4
       if [ "$bind" = 1 ] && [ ! -e "$root/proc/$$" ]; then
         echo $$ >"$pidfile"
-        mkdir -p "$root/proc/$$"
+        mkdir -p "$device/proc/$$"
         mount --bind "/proc/$$" "$root/proc/$$"
-        ln -s "$$" "$root/proc/self"
+        ln -s "$$" "$device/proc/self"
       fi
-      exec chroot "$@"' run "$root" "$bind" "$each/.pid" "${as_user[@]}" "$root" "${cmd[@]}" "$option" \
-      >"$each/$name.out" 2>"$each/$name.err" </dev/null || status=$?
+      exec "$@"' run "$root" "$device" "$bind" "$each/.pid" "${limit[@]}" chroot "${as_user[@]}" \
+      "$root" "${cmd[@]}" "$option" >"$each/$name.out" 2>"$each/$name.err" </dev/null || status=$?
+    } 2>/dev/null
     if [ -f "$each/.pid" ]; then
       pid=$(cat "$each/.pid")
-      umount "$root/proc/$pid" && rmdir "$root/proc/$pid" && rm -f "$root/proc/self" "$each/.pid"
+      umount "$root/proc/$pid" && rmdir "$device/proc/$pid" && rm -f "$device/proc/self" "$each/.pid"
     fi
     [ $status != 137 ] || status=124
     echo $status >"$each/$name.status"
   done
   exit 0
 fi
-exec chroot "${as_user[@]}" "$root" "${cmd[@]}" "$@"
+exec "${limit[@]}" chroot "${as_user[@]}" "$root" "${cmd[@]}" "$@"
 INNER
+} 3>&2 2>/dev/null
 status=$?
 if [ -n "$vglog" ]; then
   cat "$vglog/log" >&2 2>/dev/null

@@ -16,6 +16,10 @@ INFO_LIMIT = 64 << 10
 INFO_VALUE_LIMIT = 4096
 # The files replay.sh copies out beside the reports.
 FILES = (INFO_MEMBER, "d/memblock/memory", "d/dma_buf/bufinfo")
+# replay.sh stops a report past this many bytes of output (status 5); what it leaves is read
+# with the same bound, and the files it copies out with theirs.
+OUTPUT_LIMIT = int(os.environ.get("QUARRY_REPLAY_OUTPUT") or 64 << 20)
+FILE_LIMIT = 16 << 20
 
 Run = collections.namedtuple("Run", "status stdout stderr")
 # "   0: 0x0000000080000000..0x000000008b7fffff": a range of /d/memblock/memory, last byte
@@ -25,7 +29,8 @@ _RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
 
 class ReplayError(Exception):
     """A capture replay.sh would not, or could not, replay: status 2 (unreadable capture or
-    binary), 3 (refused), 4 (truncated) or 124 (out of time), with replay's own messages."""
+    binary), 3 (refused), 4 (truncated), 5 (a report past the output bound) or 124 (out of
+    time), with replay's own messages."""
 
     def __init__(self, status, message):
         super().__init__(message)
@@ -37,6 +42,16 @@ def _text(data):
     # Device text keeps every byte: undecodable ones survive as surrogates for shown() and
     # for the page's escaping.
     return data.decode("utf-8", "surrogateescape")
+
+
+def read_bounded(path, limit, what, capture):
+    """A file's bytes, at most limit of them; ReplayError(5) when it holds more."""
+    with open(path, "rb") as f:
+        data = f.read(limit + 1)
+    if len(data) > limit:
+        raise ReplayError(5, f"replay: refusing {capture}: its {what} holds more than {limit} "
+                             "bytes, more than any device's report\n")
+    return data
 
 
 def check_binary(binary):
@@ -64,11 +79,11 @@ def replay(capture, binary, drop_unsafe=False):
         runs = {}
         for mode in MODES:
             with open(os.path.join(out, mode + ".status")) as f:
-                status = int(f.read())
-            with open(os.path.join(out, mode + ".out"), "rb") as f:
-                stdout = _text(f.read())
-            with open(os.path.join(out, mode + ".err"), "rb") as f:
-                stderr = _text(f.read())
+                status = int(f.read(16))
+            stdout = _text(read_bounded(os.path.join(out, mode + ".out"), OUTPUT_LIMIT,
+                                        f"-{mode} report", capture))
+            stderr = _text(read_bounded(os.path.join(out, mode + ".err"), OUTPUT_LIMIT,
+                                        f"-{mode} report's messages", capture))
             runs[mode] = Run(status, stdout, stderr)
         # What replay.sh said while unpacking (members dropped with --drop-unsafe) belongs to
         # the capture as a whole.
@@ -76,8 +91,8 @@ def replay(capture, binary, drop_unsafe=False):
         runs["files"] = {}
         for name in FILES:
             try:
-                with open(os.path.join(out, "files", name), "rb") as f:
-                    runs["files"][name] = f.read()
+                runs["files"][name] = read_bounded(os.path.join(out, "files", name),
+                                                   FILE_LIMIT, name, capture)
             except OSError:
                 runs["files"][name] = None
         return runs

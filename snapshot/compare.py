@@ -14,13 +14,21 @@ USAGE = "usage: compare.sh [--drop-unsafe] BEFORE.tar.gz AFTER.tar.gz BINARY"
 TAGS = dict(factlib.REPORTS)
 
 
+class Unreadable(Exception):
+    """A capture whose reports cannot be read: status 2, with the one line that says why."""
+
+
 def load(capture, binary, drop_unsafe):
     """The parsed reports of one capture, with their exit statuses."""
     runs = capturefiles.replay(capture, binary, drop_unsafe)
     side = {"status": {}, "info": capturefiles.info_of(runs),
             "memory": capturefiles.memory_ranges(runs["files"]["d/memblock/memory"])}
     for mode in capturefiles.MODES:
-        side[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
+        try:
+            side[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
+        except reporttext.Malformed as e:
+            raise Unreadable(f"compare: cannot read {shown(capture)}: its -{mode} report is "
+                             f"malformed: {e}") from None
         side["status"][mode] = runs[mode].status
     return side
 
@@ -200,6 +208,9 @@ def main(argv):
             sys.stderr.write(e.message)
             print(f"compare: cannot replay {shown(capture)}", file=sys.stderr)
             return e.status
+        except Unreadable as e:
+            print(e, file=sys.stderr)
+            return 2
     infos = [side["info"] for side in sides]
     out = header((before, after), infos, [side["memory"] for side in sides]) + \
         fact_lines(factlib.compare(*sides))

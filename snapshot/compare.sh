@@ -19,9 +19,11 @@
 # carry their metadata (capture-info) add their device, kernel and time to the header, and both
 # builds when one board (one model) runs two; two devices, or two kernels on one build, are
 # warned about on standard error, a reboot between them is noted.
-# Process and exporter names are shown with control characters as \xHH, so each fact stays one
-# line and no name reaches the terminal as an escape sequence.
-# Exit status 0 when both captures could be replayed; 2 when the binary cannot run here or a
-# capture cannot be read; otherwise the status of the replay that failed (3 refused, 4
-# truncated, 124 out of time), with its message.
+# Process and exporter names are shown with control characters as \xHH (C1 controls and the
+# bidirectional overrides as \uHHHH), so each fact stays one line and no name reaches the
+# terminal as an escape sequence or reorders it.
+# Exit status 0 when both captures could be replayed; 2 when the binary cannot run here, a
+# capture cannot be read or a report of it is malformed (a number no device prints);
+# otherwise the status of the replay that failed (3 refused, 4 truncated, 5 a report past the
+# output bound, 124 out of time), with its message.
 exec /usr/bin/python3 "$(dirname "$0")/compare.py" "$@"

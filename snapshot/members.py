@@ -85,3 +85,26 @@ def lookup(path, folder):
         elif not member.folder and _fits(pattern, parts):
             return member
     return None
+
+
+def present(root):
+    """The members a capture of the device tree at root would hold, as "./PATH" names in
+    name order (folders that are members in their own right included): what a test or a
+    benchmark packs to make a capture from a tree laid out like a device. Links are followed,
+    as the capture program reads through them."""
+    names = []
+    for folder, dirs, files in os.walk(root, followlinks=True):
+        rel = os.path.relpath(folder, root)
+        rel = "" if rel == "." else rel + "/"
+        dirs[:] = sorted(d for d in dirs if lookup(rel + d, True) is not None)
+        for d in dirs:
+            if lookup(rel + d, True).keep != "folder":
+                names.append("./" + rel + d)
+        names.extend("./" + rel + f for f in sorted(files) if lookup(rel + f, False) is not None)
+    return names
+
+
+if __name__ == "__main__":
+    # members.py TREE: present(TREE), NUL-separated, for tar --null --no-recursion -T -.
+    import sys
+    sys.stdout.write("".join(name + "\0" for name in present(sys.argv[1])))

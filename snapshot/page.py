@@ -267,13 +267,24 @@ def kmem_bar(n, ident="kmem-bar"):
                    '<text x="%d" y="19" font-size="12" fill="#a00">%s unmapped: unknown</text>' % (
                        MAP_WIDTH - 159, text(unknown["source"]), MAP_WIDTH - 154, text(unknown["source"])))
     out.append('<text x="0" y="44" font-size="12">total %s</text></svg>' % kb(n["total_kb"]))
-    rows = "".join("<tr><td><span style=\"color:%s\">&#9632;</span> %s</td><td class=n>%s</td></tr>" % (
-        PALETTE[i % len(PALETTE)], text(name), _num(v)) for i, (name, v) in enumerate(parts))
+    # The tool leaves KernelStack out of its total on a kernel with CONFIG_VMAP_STACK (it says
+    # when it counts them): the counters shown then add up to more than the total.
+    apart = n.get("stack_counted") is False
+    rows = "".join("<tr><td><span style=\"color:%s\">&#9632;</span> %s%s</td><td class=n>%s</td></tr>" % (
+        PALETTE[i % len(PALETTE)], text(name),
+        " (not in the total)" if apart and name == "KernelStack" else "", _num(v))
+        for i, (name, v) in enumerate(parts))
     if unknown:
         rows += '<tr><td>%s unmapped</td><td class="n unsaid">unknown%s</td></tr>' % (
             text(unknown["source"]), " (%s)" % text(unknown["reason"]) if unknown["reason"] else "")
     rows += "<tr><th>Kernel Memory total</th><th class=n>%s</th></tr>" % _num(n["total_kb"])
-    return "".join(out) + "<table><thead><tr><th>Counter</th><th class=n>KB</th></tr></thead><tbody>%s</tbody></table>" % rows
+    note = ""
+    if apart:
+        note = ('<p class="note" id="kmem-stack">KernelStack is not part of the total: this kernel has '
+                "CONFIG_VMAP_STACK, so its stacks are vmalloc'd and already within VmallocUsed, "
+                "and the tool leaves them out of its total. The counters above add up to more "
+                "than the total by that much.</p>")
+    return "".join(out) + "<table><thead><tr><th>Counter</th><th class=n>KB</th></tr></thead><tbody>%s</tbody></table>" % rows + note
 
 
 def owners_text(owners):

@@ -10,14 +10,16 @@
 # metadata), files/d/memblock/memory and files/d/dma_buf/bufinfo.
 # An arm64 binary runs under user-mode emulation (qemu-aarch64-static) on any other host.
 #
-# A capture may come from anyone's device. It is unpacked by unpack.py, which keeps folders and
-# regular files only and names on standard error every device node, FIFO, socket and link out of
-# the capture that it leaves out; a capture holding any of them is refused (status 3) unless
-# --drop-unsafe is given, which replays what is left. A capture that does not end properly is
-# refused as truncated (status 4). The tool runs in a chroot on the tmpfs the capture was
-# unpacked to (scripts/run-in-tree.sh --in-place), for at most QUARRY_REPLAY_SECONDS (default
-# 120) per run and with at most 1 GiB of data memory; a run stopped by the time limit ends
-# replay with status 124.
+# A capture may come from anyone's device. It is unpacked by unpack.py, which keeps only what
+# capture/members.txt lists (folders and regular files, each within its size) and names on
+# standard error everything it leaves out; a capture holding any of it is refused (status 3)
+# unless --drop-unsafe is given, which replays what is left. A capture that does not end properly
+# is refused as truncated (status 4). The tool runs from a root of its own, with the capture's
+# proc, d, sys and dev bound in read-only (scripts/run-in-tree.sh --in-place), for at most
+# QUARRY_REPLAY_SECONDS (default 120) per run, with at most 1 GiB of data memory and writing at
+# most QUARRY_REPLAY_OUTPUT bytes (default 64 MiB) to a file: a run stopped by the time limit
+# ends replay with status 124, a report past the output bound with status 5 (standard output
+# that is a pipe or a terminal is not bounded; the reports of --reports always are).
 # Status 2: the capture or the binary cannot be used (said in one line, before anything runs).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -42,30 +44,35 @@ capture=$(realpath "$1")
 binary=$(realpath "$2")
 shift 2
 seconds=${QUARRY_REPLAY_SECONDS:-120}
+output=${QUARRY_REPLAY_OUTPUT:-$((64 << 20))}
 # The capture is unpacked onto a tmpfs of replay's own (nodev, nosuid), in a mount namespace of
-# its own, and the tool runs in it where it lies: no copy is made, and the whole tree is gone
+# its own, and the tool runs on it where it lies: no copy is made, and the whole tree is gone
 # with the namespace when replay ends, however it ends.
 mnt=$(mktemp -d "${TMPDIR:-/tmp}/quarry-replay.XXXXXX")
-trap 'rmdir "$mnt"' EXIT
+# File data past unpack.py's memory bound waits on disk (QUARRY_SPILL_DIR, default /var/tmp),
+# not on the tree's tmpfs, where it would be held in memory twice.
+spill=$(mktemp -d "${QUARRY_SPILL_DIR:-/var/tmp}/quarry-spill.XXXXXX")
+trap 'rmdir "$mnt"; rm -rf "$spill"' EXIT
 if [ "$(id -u)" -eq 0 ]; then ns=(unshare -m); else ns=(unshare -Urm); fi
 status=0
-"${ns[@]}" bash -s -- "$top" "$mnt" "$lenient" "$seconds" "$reports" "$capture" "$binary" "$@" \
-  <<'INNER' || status=$?
+"${ns[@]}" bash -s -- "$top" "$mnt" "$lenient" "$seconds" "$reports" "$capture" "$binary" \
+  "$spill" "$output" "$@" <<'INNER' || status=$?
 set -euo pipefail
-top=$1 mnt=$2 lenient=$3 seconds=$4 reports=$5 capture=$6 binary=$7
-shift 7
-mount -t tmpfs -o mode=755,nodev,nosuid quarry-replay "$mnt"
+top=$1 mnt=$2 lenient=$3 seconds=$4 reports=$5 capture=$6 binary=$7 spill=$8 output=$9
+shift 9
+# No larger than unpack.py's bound on a capture's files (1 GiB), with room for its folders.
+mount -t tmpfs -o mode=755,nodev,nosuid,size=$(((1 << 30) + (64 << 20))) quarry-replay "$mnt"
 tree=$mnt/tree
 status=0
 # unpack.py makes each folder's entries in name order, as a copy of a tree is made: the tool
 # lists folders in the order they were made.
-timeout -k 5 "$seconds" /usr/bin/python3 "$top/snapshot/unpack.py" "$capture" \
+timeout -k 5 "$seconds" /usr/bin/python3 "$top/snapshot/unpack.py" --spill "$spill" "$capture" \
   "$tree" </dev/null || status=$?
 case $status in
   0) ;;
   3)
     if [ "$lenient" = 0 ]; then
-      echo "replay: refusing $capture: it holds entries that capture.sh never writes (named above);" \
+      echo "replay: refusing $capture: it holds entries that a capture never holds (named above);" \
         "--drop-unsafe replays it without them" >&2
       exit 3
     fi ;;
@@ -80,6 +87,13 @@ fi
 # a sanitizer build reserves its shadow memory as data, so it runs with the time limit only.
 limit=(prlimit --data=$((1 << 30)))
 if [[ $(ldd "$binary" 2>/dev/null || true) == *libasan* ]]; then limit=(); fi
+export QUARRY_OUTPUT_LIMIT=$output
+# A run killed by SIGXFSZ (128 + 25) passed the output bound.
+too_much() {
+  echo "replay: refusing $capture: its $1 passed $output bytes of output, more than any device's" \
+    "report; stopped" >&2
+  exit 5
+}
 if [ -z "$reports" ]; then
   status=0
   timeout -k 5 "$seconds" "${limit[@]}" "$top/scripts/run-in-tree.sh" --in-place "$tree" \
@@ -88,6 +102,7 @@ if [ -z "$reports" ]; then
     echo "replay: quarrystat did not finish within $seconds s on $capture; stopped" >&2
     status=124
   fi
+  [ $status != 153 ] || too_much report
   exit $status
 fi
 for f in capture-info d/memblock/memory d/dma_buf/bufinfo; do
@@ -108,6 +123,9 @@ if [ $status != 0 ]; then
   echo "replay: quarrystat did not finish within $seconds s on $capture; stopped" >&2
   exit 124
 fi
+for mode in u n s; do
+  [ "$(cat "$reports/$mode.status")" != 153 ] || too_much "-$mode report"
+done
 exit 0
 INNER
 exit $status

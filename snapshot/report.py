@@ -32,6 +32,15 @@ SCHEMA = 1
 # could not read, and a broken capture could make thousands.
 MESSAGE_LINES = 40
 INFO_VALUE_LIMIT = 256
+# A capture's times as a device gives them: a boot clock under about 300 years, a wall clock
+# from 1970 to about 5000. Others are no time a device prints: the capture's time is unknown
+# (the page says so), rather than a difference of Infinity in the JSON or the trace.
+MAX_UPTIME = 1e10
+MAX_WALL = 1e11
+# The page, the JSON and the series hold every -u row of every capture in memory at once, each
+# row about 1 KB of Python objects: past this many rows in one report, it is refused. A 60-capture
+# phone-scale recording holds about 180,000.
+MAX_ROWS = 500_000
 
 # The libraries' line for an ION statistics file the kernel does not have.
 _ION_MISSING = re.compile(r"\] Can't open file: /sys/kernel/ion/([^/\s]+)$")
@@ -81,29 +90,49 @@ def _clean_tree(value):
     return value
 
 
+def plausible_time(time):
+    """A capture's time with what no device gives (a clock past its bounds) left unknown."""
+    up, wall = time["uptime"], time["wall"]
+    if up is not None and not 0 <= up < MAX_UPTIME:
+        time = dict(time, uptime=None)
+    if wall is not None and not 0 <= wall < MAX_WALL:
+        time = dict(time, wall=None)
+    return time
+
+
 def capture_entry(path, binary, drop_unsafe):
     """Replays one capture and parses its three reports; raises Refused."""
     try:
         runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
     except capturefiles.ReplayError as e:
         raise Refused(e.status, unhosted(e.message, path))
+    parsed = {}
+    for mode in ("u", "n", "s"):
+        try:
+            parsed[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
+        except reporttext.Malformed as e:
+            raise Refused(2, "its -%s report is malformed: %s" % (mode, e))
+    return _entry(path, runs, parsed)
+
+
+def _entry(path, runs, parsed):
     members = runs["files"]
     info = {k: v[:INFO_VALUE_LIMIT] for k, v in capturefiles.info_of(runs).items()}
     table = members[BUFINFO]
     names = bufinfo.parse(table)
-    u = reporttext.parse_unmapped(runs["u"].stdout)
+    u = parsed["u"]
     for row in u["rows"]:
         row["name"] = names["names"].get(row["inode"])
     entry = {
         "file": os.path.basename(path),
         "info": info,
-        "time": series.capture_time(info),
+        "time": plausible_time(series.capture_time(info)),
         "status": {m: runs[m].status for m in ("u", "n", "s")},
         "messages": {m: unhosted(runs[m].stderr, path).splitlines()[:MESSAGE_LINES]
                      for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(members[MEMORY]),
-        "reserved": reporttext.parse_reserved(runs["s"].stdout),
-        "kmem": reporttext.parse_kmem(runs["n"].stdout),
+        "reserved": parsed["s"],
+        "kmem": parsed["n"],
         "unmapped": u,
         "bufinfo": {"present": table is not None, "problems": names["problems"]},
     }
@@ -195,10 +224,18 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         raise Refused(e.status, e.message.strip())
     captures, left_out = [], []
     last_refusal = None
+    rows = 0
     for f in files:
         try:
             captures.append(capture_entry(f, binary, drop_unsafe))
+            rows += len(captures[-1]["unmapped"]["rows"])
+            if rows > MAX_ROWS:
+                raise Refused(2, "%s: the captures up to it hold %d unmapped DMA-BUF rows, more than "
+                              "one report holds (%d); report on fewer captures" % (
+                                  os.path.basename(f), rows, MAX_ROWS))
         except Refused as e:
+            if rows > MAX_ROWS:
+                raise
             last_refusal = e
             reason = lines_shown(e.message)
             if not skip_refused:
@@ -223,6 +260,25 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         doc["facts"] = facts.compare(sides[0], sides[1])
         doc["board"] = pair_board
     return _clean_tree(doc)
+
+
+def check_destinations(paths):
+    """Refuses (status 2) destinations that cannot be written, before any capture is replayed
+    and so before any of them is replaced: a folder, a missing or unwritable folder to write
+    in, one file named twice."""
+    seen = {}
+    for option, path in paths:
+        real = os.path.realpath(path)
+        if real in seen:
+            raise Refused(2, "cannot write %s: %s names the same file as %s" % (path, option, seen[real]))
+        seen[real] = option
+        folder = os.path.dirname(real)
+        if os.path.isdir(real):
+            raise Refused(2, "cannot write %s (%s): it is a folder" % (path, option))
+        if not os.path.isdir(folder):
+            raise Refused(2, "cannot write %s (%s): no such folder %s" % (path, option, folder))
+        if not os.access(folder, os.W_OK | os.X_OK):
+            raise Refused(2, "cannot write %s (%s): folder %s is not writable" % (path, option, folder))
 
 
 def write_all(outputs):
@@ -280,6 +336,8 @@ def main(argv):
         return 2
     warn = lambda text: print(text, file=sys.stderr)  # noqa: E731
     try:
+        check_destinations([(o, p) for o, p in (("-o", args.html), ("--json", args.json),
+                                                 ("--trace", args.trace)) if p])
         files, recording = expand(args.captures)
         for f in files:
             if not os.path.isfile(f):
@@ -290,20 +348,25 @@ def main(argv):
         outputs = []
         if args.html:
             outputs.append((args.html, page.render(doc)))
+        # Strict JSON (allow_nan=False): a figure that is no number is refused, never written
+        # as NaN or Infinity, which a JSON parser rejects.
         if args.json:
-            outputs.append((args.json, json.dumps(doc, separators=(",", ":")) + "\n"))
+            try:
+                outputs.append((args.json, json.dumps(doc, separators=(",", ":"), allow_nan=False) + "\n"))
+            except ValueError as e:
+                raise Refused(2, "cannot write the JSON: %s" % e)
         if args.trace:
             try:
                 outputs.append((args.trace, json.dumps(series.trace(doc["captures"], doc["series"]),
-                                                          separators=(",", ":")) + "\n"))
-            except ValueError as e:
+                                                          separators=(",", ":"), allow_nan=False) + "\n"))
+            except (ValueError, OverflowError) as e:
                 raise Refused(2, "cannot write the trace: %s" % e)
     except Refused as e:
         print("report.py: " + lines_shown(e.message), file=sys.stderr)
         return e.status
     try:
         write_all(outputs)
-    except OSError as e:
+    except (OSError, ValueError) as e:
         print("report.py: cannot write: %s" % reporttext.shown(str(e)), file=sys.stderr)
         return 2
     return 0

@@ -4,9 +4,27 @@ Each parser takes a report as the tool printed it and returns plain data (dicts,
 Python ints), so no caller scrapes the text again. A line the parser does not recognise is
 skipped: the reports copy device files, and a parser that fails on one odd line would hide the
 rest. Every string in the result is device text: show it with shown() on a terminal and escape
-it in a page.
+it in a page. A number no device prints (more digits than a 64-bit one has) is no odd line but
+a report that cannot be true: the parsers raise Malformed, naming it.
 """
 import re
+
+# The most digits of a number the tool prints: a 64-bit one, in decimal (20) or hex (16).
+MAX_DIGITS = 20
+MAX_HEX_DIGITS = 16
+
+
+class Malformed(ValueError):
+    """A report holding a number that no device prints."""
+
+
+def number(text, base=10):
+    """An int of report text; Malformed past a 64-bit number's digits (Python's own bound on
+    int() would end in a traceback, and a long one costs time and memory on every use)."""
+    digits = len(text.lstrip("-"))
+    if digits > (MAX_DIGITS if base == 10 else MAX_HEX_DIGITS):
+        raise Malformed(f"a number of {digits} digits, more than any device prints")
+    return int(text, base)
 
 # "[fdt_no-map] modem_region: addr 0x8b800000, size 106496 KB": a region the statistics file
 # names, or one of the tool's own located ranges (kernel code and data).
@@ -31,19 +49,26 @@ _SUMMARY = [
 ]
 
 
+# What a terminal acts on rather than shows: the C0 controls and DEL, the C1 controls (U+0080 to
+# U+009F, among them the one-character CSI and OSC introducers a terminal may honour in UTF-8),
+# the bidirectional embeddings and overrides, and the isolates (which reorder what follows them
+# on the line), and bytes that were not UTF-8 (surrogateescape).
+_UNSHOWN = re.compile("[\x00-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069\udc80-\udcff]")
+
+
+def _escape(m):
+    o = ord(m.group())
+    if o >= 0xdc80:
+        return f"\\x{o - 0xdc00:02x}"
+    return f"\\x{o:02x}" if o < 0x80 else f"\\u{o:04x}"
+
+
 def shown(text):
-    """Text as it may reach a terminal: each control character (below 0x20, and 0x7f) as \\xHH,
-    as the tool itself shows names on a terminal; bytes that are not UTF-8 as \\xHH too."""
-    out = []
-    for c in text:
-        o = ord(c)
-        if o < 0x20 or o == 0x7f:
-            out.append(f"\\x{o:02x}")
-        elif 0xdc80 <= o <= 0xdcff:  # a byte that was not UTF-8 (surrogateescape)
-            out.append(f"\\x{o - 0xdc00:02x}")
-        else:
-            out.append(c)
-    return "".join(out)
+    """Text as it may reach a terminal: each control character (below 0x20, 0x7f, and the C1
+    controls and DEL) as \\xHH, as the tool itself shows names on a terminal; the C1 controls
+    (U+0080 to U+009F) and the bidirectional overrides and isolates (U+202A to U+202E, U+2066
+    to U+2069) as \\uHHHH; bytes that are not UTF-8 as \\xHH. A page is no terminal: there these stay text."""
+    return _UNSHOWN.sub(_escape, text)
 
 
 def _lines(text):
@@ -67,35 +92,35 @@ def parse_reserved(text):
     for line in _lines(text):
         m = _REGION.match(line)
         if m:
-            result["regions"].append({"kind": m[1], "name": m[2], "start": int(m[3], 16),
-                                      "size_kb": int(m[4])})
+            result["regions"].append({"kind": m[1], "name": m[2], "start": number(m[3], 16),
+                                      "size_kb": number(m[4])})
             entries.append(dict(result["regions"][-1]))
             continue
         m = _CMA_TOTAL.match(line)
         if m:
-            result["figures"]["CmaFixUsedTotal"] = int(m[1])
+            result["figures"]["CmaFixUsedTotal"] = number(m[1])
             entries.append({"kind": "CmaFixUsedTotal", "name": "CmaFixUsedTotal", "start": None,
-                            "size_kb": int(m[1])})
+                            "size_kb": number(m[1])})
             continue
         m = _FIGURE.match(line)
         if m:
-            entries.append({"kind": m[1], "name": m[2], "start": None, "size_kb": int(m[3])})
+            entries.append({"kind": m[1], "name": m[2], "start": None, "size_kb": number(m[3])})
             if m[1] == "cma_fix_used":
-                result["cma_used"].append({"area": m[2], "kb": int(m[3])})
+                result["cma_used"].append({"area": m[2], "kb": number(m[3])})
             else:
-                result["figures"].setdefault(m[2], int(m[3]))
+                result["figures"].setdefault(m[2], number(m[3]))
             continue
         for pattern, keys in _SUMMARY:
             m = pattern.match(line)
             if m:
                 summary = result["summary"] = result["summary"] or {}
                 for key, value in zip(keys, m.groups()):
-                    summary.setdefault(key, int(value))
+                    summary.setdefault(key, number(value))
                 break
         else:
             m = _TOTAL.match(line)
             if m:
-                result["totals"].setdefault(m[1], int(m[2]))
+                result["totals"].setdefault(m[1], number(m[2]))
     return result
 
 
@@ -104,22 +129,33 @@ _UNMAPPED = re.compile(r"^(DMA-BUF|ION) unmapped:   (?:(-?[0-9]+) KB|unknown \((
 _KTOTAL = re.compile(r"^Kernel Memory total size = (-?[0-9]+) KB$")
 
 
+_STACK_COUNTED = "CONFIG_VMAP_STACK is not set."
+
+
 def parse_kmem(text):
-    """The -n report: the meminfo counters in order, the unmapped figure and the total."""
-    result = {"counters": [], "unmapped": None, "total_kb": None}
+    """The -n report: the meminfo counters in order, the unmapped figure and the total, and
+    whether KernelStack is part of the total ("stack_counted"; None without a KernelStack
+    line). The tool leaves it out when the kernel has CONFIG_VMAP_STACK: those stacks are
+    vmalloc'd, and counted in VmallocUsed already. It says when it counts them."""
+    result = {"counters": [], "unmapped": None, "total_kb": None, "stack_counted": None}
     for line in _lines(text):
+        if line == _STACK_COUNTED:
+            result["stack_counted"] = True
+            continue
         m = _UNMAPPED.match(line)
         if m:
-            result["unmapped"] = {"source": m[1], "kb": None if m[2] is None else int(m[2]),
+            result["unmapped"] = {"source": m[1], "kb": None if m[2] is None else number(m[2]),
                                   "reason": m[3]}
             continue
         m = _KTOTAL.match(line)
         if m:
-            result["total_kb"] = int(m[1])
+            result["total_kb"] = number(m[1])
             continue
         m = _COUNTER.match(line)
         if m:
-            result["counters"].append({"name": m[1], "kb": int(m[2])})
+            result["counters"].append({"name": m[1], "kb": number(m[2])})
+            if m[1] == "KernelStack" and result["stack_counted"] is None:
+                result["stack_counted"] = False
     return result
 
 
@@ -140,7 +176,11 @@ def _split_exporter_owner(rest):
     The exporter ends at the first " | " from its sixteenth character on after which the owner
     column starts as owners do. Exporter names come from kernel drivers; process names come
     from any program, so a bar inside a process name never moves the cut."""
-    i = 16
+    # The tool pads to 16 bytes, not characters: a name beyond ASCII is fewer characters wide.
+    i = width = 0
+    while i < len(rest) and width < 16:
+        width += len(rest[i].encode("utf-8", "surrogateescape"))
+        i += 1
     while True:
         i = rest.find(" | ", i)
         if i < 0:
@@ -162,13 +202,13 @@ def _owners(text):
     starts = []
     last = -1
     for m in marks:
-        if m.start() == 0 or (text[m.start() - 1] == " " and int(m[1]) > last):
+        if m.start() == 0 or (text[m.start() - 1] == " " and number(m[1]) > last):
             if not starts or m.start() > starts[-1].end():
                 starts.append(m)
-                last = int(m[1])
+                last = number(m[1])
     for k, m in enumerate(starts):
         end = starts[k + 1].start() - 1 if k + 1 < len(starts) else len(text)
-        owners.append({"pid": int(m[1]), "name": text[m.end():end]})
+        owners.append({"pid": number(m[1]), "name": text[m.end():end]})
     return owners
 
 
@@ -190,7 +230,7 @@ def parse_unmapped(text):
             continue
         m = _UTOTAL.match(line)
         if m:
-            result["total_kb"] = int(m[1])
+            result["total_kb"] = number(m[1])
             result["state"] = "table"
             in_table = False
             continue
@@ -199,7 +239,7 @@ def parse_unmapped(text):
         m = _ROW_HEAD.match(line)
         if m:
             exporter, owner_text = _split_exporter_owner(line[m.end():])
-            row = {"inode": int(m[1]), "size": int(m[2]), "exporter": exporter,
+            row = {"inode": number(m[1]), "size": number(m[2]), "exporter": exporter,
                    "owner_text": owner_text}
             result["rows"].append(row)
         elif line == "":

@@ -1,29 +1,35 @@
 #!/usr/bin/python3
-"""Unpacks a capture into a folder, keeping only what capture.sh can have written.
+"""Unpacks a capture into a folder, keeping only what a capture can hold.
 
-    unpack.py CAPTURE.tar.gz DEST
+    unpack.py [--spill FOLDER] CAPTURE.tar.gz DEST
 
-A capture may come from anyone's device, so nothing in it is trusted. capture.sh writes
-folders and regular files only; everything else is dropped and named on standard error:
-device nodes and FIFOs (reading them would hang the tool or reach this host's devices),
-sockets, sparse and other special members, names that climb out with "..", names holding
-control characters, and links whose target lies outside the capture (absolute ones included:
-on this host they would point at its own files). Absolute names are unpacked inside DEST, and
-said so once. Hard links become copies of a regular file met earlier. No member is ever
-written through a link: links are made last, and each is checked again once all are in place.
-DEST is expected empty: a regular file already there counts as one of the capture's.
+A capture may come from anyone's device, so nothing in it is trusted. What a capture may hold
+is one list, capture/members.txt (read through members.py): each member's path (names, and
+numbers where the kernel numbers its folders), its kind (folder or file) and the most bytes it
+may hold. Everything else is dropped and named on standard error: members the list does not
+name (an etc/ld.so.preload, a lib/, a proc/sys/vm/mmap_min_addr, a file named quarrystat), a
+file larger than its member's limit (a 1 MB comm), a folder where a file belongs and the other
+way round, device nodes and FIFOs (reading them would hang the tool or reach this host's
+devices), sockets, sparse and other special members, names that climb out with "..", names
+holding control characters, symbolic links (a capture never holds one; none is made, and one
+that leads out is named as such) and hard links to anything but a file of the capture. A
+dropped member's data is skipped, never held. Absolute names are unpacked inside DEST, and said so once. Hard links
+become copies of a regular file met earlier. DEST is expected empty: a regular file already
+there counts as one of the capture's.
 
 The whole archive is read before anything is made, and each folder's entries are then made in
 byte order of their names. On a tmpfs a folder lists its entries in the order they were made,
 so the tool meets the same order on every replay of a capture, whatever order the device's tar
 wrote them in: the order of a tree copied in name order, without a copy. The files' data waits
-in memory, up to MAX_HELD bytes, and past that in files of a folder beside DEST
-(DEST.unpacking-PID), removed at the end.
+in memory, up to MAX_HELD bytes, and past that in files of a folder of their own
+(FOLDER/unpacking-PID with --spill, else DEST.unpacking-PID), removed at the end. replay.sh
+spills to disk: DEST is on a tmpfs, where spilled data would be held twice in memory.
 
 The archive (gzip'd or plain tar) is read a bounded piece at a time and refused past the bounds
 below, each far above what a real capture needs: a long name or link name over PATH_MAX, an
 extended header over 1 MiB, more than 500,000 members, more than 1 GiB of files, more than 256
-symbolic links.
+symbolic links. A member name of many folders is made one folder at a time (a name of 1900
+folders is as good as one of three, within PATH_MAX).
 
 Exit status: 0 when everything was kept, 3 when something was dropped (the rest is unpacked),
 2 when the archive cannot be read or exceeds a bound, 4 when it is truncated (a gzip stream
@@ -38,6 +44,7 @@ import stat
 import sys
 import zlib
 
+import members as capture_members
 from reporttext import shown  # names as they may reach a terminal: control bytes as \xHH
 
 # A member name, or a link's target, longer than this cannot be a path on Linux (PATH_MAX
@@ -54,8 +61,10 @@ MAX_WRITTEN = 1 << 30
 # The data of the files, held until the archive has been read whole: a real capture is a few
 # MB, the phone-scale benchmark's about 35 MB.
 MAX_HELD = 64 << 20
-# capture.sh writes no links at all; each one is checked again whenever another is removed.
+# A capture holds no symbolic links; each is named, and past this many the capture is refused.
 MAX_LINKS = 256
+# What a capture may hold: lookup(path, folder) -> a member (with its .limit in bytes) or None.
+LOOKUP = capture_members.lookup
 # Past this many "dropped" lines the rest are counted only.
 MAX_NAMED = 1000
 # Decompressed bytes read in one step, and what may follow the end of the archive: GNU tar
@@ -113,19 +122,71 @@ def relative_name(name):
     return "/".join(parts)
 
 
-def through_link(root, rel):
-    """Whether a folder on the way to rel is a link (made earlier in this unpacking)."""
-    path = root
-    for part in rel.split("/")[:-1]:
-        path = os.path.join(path, part)
-        if os.path.islink(path):
-            return True
-    return False
+def through_link(links, rel):
+    """Whether a folder on the way to rel is named by a link member (links: their names)."""
+    parts = rel.split("/")
+    return any("/".join(parts[:k]) in links for k in range(1, len(parts)))
 
 
-def inside(root, path):
-    real = os.path.realpath(path)
-    return real == root or real.startswith(root + "/")
+def link_leaves(rel, target):
+    """Whether a link at rel to target would lead out of the capture. Exact, with no link made:
+    the tree holds folders and files only."""
+    if target.startswith("/"):
+        return True
+    where = os.path.normpath(os.path.join(os.path.dirname(rel), target))
+    return where == ".." or where.startswith("../")
+
+
+class Shapes:
+    """LOOKUP, asked once per shape of path: a capture's 20,000 members are a few dozen shapes
+    (proc/<pid>/fdinfo/<fd> ...). A shape is the path with each component that reads as a
+    kernel's number (0, or 1-9 and at most 9 more digits) standing for any such number: the list
+    names no literal number, so a path's member depends only on its shape."""
+
+    def __init__(self):
+        self.known = {}
+
+    def __call__(self, rel, folder):
+        key = (folder,) + tuple(p if not p.isdigit() or not p.isascii() or len(p) > 10 or
+                                (p[0] == "0" and p != "0") else None for p in rel.split("/"))
+        try:
+            return self.known[key]
+        except KeyError:
+            member = self.known[key] = LOOKUP(rel, folder)
+            return member
+
+
+def refusal(m, rel, size, lookup=None):
+    """Why a capture cannot hold member m (at rel, its relative name, holding size bytes), or
+    None when it can; "" for the capture's root itself, which is left alone unnamed. lookup
+    stands for LOOKUP (a Shapes)."""
+    if has_control(m.name) or (m.linkname and has_control(m.linkname)):
+        # capture.sh never writes such a name, and a newline in one would pass for two names
+        # wherever a list of the tree is read line by line.
+        return "its name holds a control character"
+    if rel is None:
+        return "its name leaves the capture"
+    if rel == "":
+        return ""
+    if m.kind == b"2":
+        if not m.linkname:
+            return "link to nothing"
+        if link_leaves(rel, m.linkname):
+            return f"link to {m.linkname}, outside the capture"
+        return f"link to {m.linkname}: a capture holds no links"
+    if m.kind not in REGULAR + (b"1", b"5"):
+        return KINDS.get(m.kind, "special file")
+    folder = m.kind == b"5"
+    lookup = lookup or LOOKUP
+    member = lookup(rel, folder)
+    if member is None:
+        if lookup(rel, not folder) is not None:
+            return "a folder where a capture holds a file" if folder else \
+                "a file where a capture holds a folder"
+        return "not a member a capture holds (capture/members.txt)"
+    if not folder and size > member.limit:
+        return f"{size} bytes, more than a capture holds there ({member.limit})"
+    return None
 
 
 class Stream:
@@ -387,19 +448,32 @@ class Parents:
         self.made = set()
 
     def folder(self, path):
-        if path not in self.made:
-            os.makedirs(path, mode=0o755, exist_ok=True)
+        if path in self.made:
+            return
+        # One folder at a time, from the deepest one that is there: os.makedirs recurses once
+        # per folder, and a 4 KB name can be 2000 folders deep.
+        missing = []
+        while path not in self.made and not os.path.isdir(path):
+            missing.append(path)
+            path = os.path.dirname(path)
+        for path in reversed(missing):
+            try:
+                os.mkdir(path, 0o755)
+            except FileExistsError:
+                if not os.path.isdir(path):
+                    raise NotADirectoryError(errno.ENOTDIR, "not a folder", path) from None
             self.made.add(path)
 
     def __call__(self, path):
         self.folder(os.path.dirname(path))
 
 
-def unpack(f, label, dest, err=sys.stderr):
-    """Unpacks the archive read from f (named label in messages) into dest; the exit status."""
+def unpack(f, label, dest, err=sys.stderr, spill=None):
+    """Unpacks the archive read from f (named label in messages) into dest; the exit status.
+    Data past MAX_HELD waits in a folder under spill (default: beside dest)."""
     dest = os.path.realpath(dest)
     stream = Stream(f, label)
-    held = Held(dest)
+    held = Held(dest, spill)
     parents = Parents()
     said_absolute = False
 
@@ -424,21 +498,25 @@ def unpack(f, label, dest, err=sys.stderr):
         # made in name order: the tool meets the same order whatever tar wrote the capture.
         # The sort is stable: of two members of one name the later is still made last.
         entries.sort(key=lambda e: e[0])
-        links = []
-        for _, m, data in entries:
+        links = set()
+        for _, m, data, why in entries:
             rel = relative_name(m.name)
+            if why == "":
+                continue
+            if rel and m.kind == b"2":
+                links.add(rel)
+            if links and rel and (why is None or m.kind == b"2") and through_link(links, rel):
+                why = "its path runs through a link"
+            if why is not None:
+                drop(m.name, why)
+                continue
             if not extract(m, rel, data, dest, drop, parents):
                 continue
-            if m.kind == b"2":
-                if len(links) >= MAX_LINKS:
-                    raise Refused(2, f"replay: {shown(label)} holds more than {MAX_LINKS} "
-                                     "links; not a capture")
-                links.append((m.name, rel, m.linkname))
             if m.name.startswith("/") and not said_absolute:
                 said_absolute = True
                 print(f"replay: member names of {shown(label)} are absolute; unpacked inside "
                       "the capture", file=err)
-        return make_links(links, dest, drop)
+        return 3 if drop.count else 0
     except Refused as e:
         print(e.message, file=err)
         return e.status
@@ -457,12 +535,15 @@ def key_of(rel):
 
 
 def gather(stream, label, held):
-    """Reads the whole archive: its members as (sort key, member, data) in archive order. data
-    is held (Held) for regular files and for hard links to one met earlier, else None."""
+    """Reads the whole archive: its members as (sort key, member, data, refusal) in archive
+    order. data is held (Held) for the regular files a capture may hold and for hard links to
+    one met earlier, else None; refusal is why the member is dropped (refusal()), or None."""
     entries = []
     files = {}                   # key -> index in entries of the latest regular file
     written = 0
+    links = 0
     last = None                  # the last member read whole
+    shapes = Shapes()
 
     def write(size):             # counts a file to be written, before its data is read
         nonlocal written
@@ -478,9 +559,15 @@ def gather(stream, label, held):
                                  "entries; not a capture")
             rel = relative_name(m.name)
             key = key_of(rel)
+            if m.kind == b"2":
+                links += 1
+                if links > MAX_LINKS:
+                    raise Refused(2, f"replay: {shown(label)} holds more than {MAX_LINKS} "
+                                     "links; not a capture")
             data = None
+            why = refusal(m, rel, m.size, shapes)
             try:
-                if m.kind in REGULAR:
+                if m.kind in REGULAR and why is None:
                     write(m.size)
                     data = held.take(stream, m.size)
                 else:
@@ -488,16 +575,22 @@ def gather(stream, label, held):
             except Cut:
                 raise Refused(4, f"replay: {shown(label)} is truncated inside member "
                                  f"{shown(rel or m.name)}") from None
-            target = files.get(key_of(relative_name(m.linkname))) \
-                if m.kind == b"1" and rel else None
-            if target is not None:
-                # A copy of the file, with its mode: a hard link shares both.
-                _, source, data = entries[target]
-                m = m._replace(size=source.size, mode=source.mode)
-                write(m.size)
+            if m.kind == b"1" and why is None:
+                target = files.get(key_of(relative_name(m.linkname)))
+                if target is None:
+                    why = f"hard link to {m.linkname}, not a file of the capture"
+                else:
+                    # A copy of the file, with its mode: a hard link shares both.
+                    _, source, data, _ = entries[target]
+                    m = m._replace(size=source.size, mode=source.mode)
+                    why = refusal(m, rel, m.size, shapes)
+                    if why is None:
+                        write(m.size)
+                    else:
+                        data = None
             if rel and data is not None:
                 files[key] = len(entries)
-            entries.append((key, m, data))
+            entries.append((key, m, data, why))
             last = m.name
         stream.finish()
     except Cut:
@@ -512,8 +605,9 @@ class Held:
     """The data of the capture's files while the whole archive is read: in memory up to
     MAX_HELD bytes, past that in files of a folder beside dest, removed at the end."""
 
-    def __init__(self, dest):
-        self.folder = f"{dest}.unpacking-{os.getpid()}"
+    def __init__(self, dest, spill=None):
+        self.folder = f"{dest}.unpacking-{os.getpid()}" if spill is None else \
+            os.path.join(spill, f"unpacking-{os.getpid()}")
         self.made = False
         self.room = MAX_HELD
         self.count = 0
@@ -552,66 +646,14 @@ def write_data(fd, data):
         write_all(fd, memoryview(data))
 
 
-def make_links(links, dest, drop):
-    """Makes the symbolic links, then removes each that leads out of dest; the exit status."""
-    made = []
-    try:
-        for name, rel, target in links:
-            path = os.path.join(dest, rel)
-            if through_link(dest, rel):
-                drop(name, "its path runs through a link")
-            elif not target:
-                drop(name, "link to nothing")
-            else:
-                try:
-                    Parents()(path)
-                    os.symlink(target, path)
-                    made.append((name, path, target))
-                except OSError as e:
-                    if e.errno not in PATH_ERRORS:
-                        raise
-                    drop(name, path_error(e))
-    finally:
-        remove_outside(made, dest, drop)
-    return 3 if drop.count else 0
-
-
-def remove_outside(made, dest, drop):
-    """Removes the links made that lead out of dest, even when not all could be made."""
-    # One link can move where another leads; check them all again until none is removed.
-    changed = True
-    while changed:
-        changed = False
-        for item in list(made):
-            name, path, target = item
-            if not inside(dest, path):
-                os.unlink(path)
-                made.remove(item)
-                drop(name, f"link to {target}, outside the capture")
-                changed = True
-
-
 def extract(m, rel, data, dest, drop, parents):
-    """Makes one member under dest (at rel, its relative name), or drops it; whether it was
-    kept. data is what gather() held for it (None for a hard link to nothing it met)."""
-    if has_control(m.name) or (m.linkname and has_control(m.linkname)):
-        # capture.sh never writes such a name, and a newline in one would pass for two names
-        # wherever a list of the tree is read line by line.
-        drop(m.name, "its name holds a control character")
-        return False
-    if rel is None:
-        drop(m.name, "its name leaves the capture")
-        return False
-    if rel == "":
-        return False
+    """Makes one member that refusal() let through under dest (at rel, its relative name), or
+    drops it when its path is taken; whether it was kept. data is what gather() held for it."""
     path = os.path.join(dest, rel)
     try:
         if m.kind == b"5":
             parents.folder(path)
             return True
-        if m.kind == b"1" and data is None:
-            drop(m.name, f"hard link to {m.linkname}, not a file of the capture")
-            return False
         if m.kind in REGULAR + (b"1",):
             parents(path)
             flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW
@@ -628,30 +670,31 @@ def extract(m, rel, data, dest, drop, parents):
             finally:
                 os.close(fd)
             return True
-        if m.kind == b"2":
-            return True         # made once every other member is in place
     except OSError as e:
         # Raised before any data is written: by the folders on the way, or the file's creation.
         if e.errno not in PATH_ERRORS:
             raise
         drop(m.name, path_error(e))
         return False
-    drop(m.name, KINDS.get(m.kind, "special file"))
-    return False
+    raise AssertionError(m.kind)  # refusal() lets through folders and files only
 
 
 def main():
-    if len(sys.argv) != 3:
-        print("usage: unpack.py CAPTURE.tar.gz DEST", file=sys.stderr)
+    args = sys.argv[1:]
+    spill = None
+    if len(args) == 4 and args[0] == "--spill":
+        spill, args = args[1], args[2:]
+    if len(args) != 2:
+        print("usage: unpack.py [--spill FOLDER] CAPTURE.tar.gz DEST", file=sys.stderr)
         return 2
-    capture, dest = sys.argv[1], sys.argv[2]
+    capture, dest = args
     try:
         f = open(capture, "rb")
     except OSError as e:
         print(f"replay: cannot unpack {shown(capture)}: {shown(str(e))}", file=sys.stderr)
         return 2
     with f:
-        return unpack(f, capture, dest)
+        return unpack(f, capture, dest, spill=spill)
 
 
 if __name__ == "__main__":

@@ -20,8 +20,9 @@ def binary():
 
 
 def sample_files():
-    """The sample tree as {member name: bytes}, with the debug folder under d/ as a capture
-    holds it."""
+    """The sample tree as {member name: bytes}, with the debug folder under d/, and only what a
+    capture holds (capture/members.txt: the sample has files the tool does not read)."""
+    import members
     files = {}
     for folder, dirs, names in os.walk(SAMPLE):
         for n in names:
@@ -31,6 +32,8 @@ def sample_files():
             rel = os.path.relpath(path, SAMPLE)
             if rel.startswith("sys/kernel/debug/"):
                 rel = "d/" + rel[len("sys/kernel/debug/"):]
+            if members.lookup(rel, False) is None:
+                continue
             with open(path, "rb") as f:
                 files[rel] = f.read()
     return files

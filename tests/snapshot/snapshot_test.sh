@@ -3,10 +3,10 @@
 # replay of a hostile capture, and compare on the lab's before/after pair.
 #   snapshot_test.sh BINARY CASE
 # The capture program is QUARRY_CAPTURE (default: quarry-capture of BINARY's build).
-# Cases: compare-lab-pair, compare-builds, compare-same, compare-unreadable, compare-device-text, compare-binary,
-# truncated, hostile, hostile-names, time-bound, capture-mksh, capture-info, capture-incomplete,
-# record-mksh, record-low-space, capture-slim, capture-full-disk, capture-stop, capture-live,
-# device-archive.
+# Cases: compare-lab-pair, compare-builds, compare-same, compare-unreadable, compare-device-text,
+# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound,
+# capture-mksh, capture-info, capture-incomplete, record-mksh, record-low-space, capture-slim,
+# capture-full-disk, capture-stop, capture-live, device-archive.
 source "$(dirname "$0")/../case.sh"
 program=$(realpath "${QUARRY_CAPTURE:-$(dirname "$binary")/../capture/quarry-capture}")
 pair=tests/data/pair
@@ -136,6 +136,166 @@ EOF
   [ -e "/tmp/$escape" ] && { rm -f "/tmp/$escape"; fail "a member was written outside the capture"; }
   [ -e /etc/evil ] && fail "a link was made outside the capture"
   ;;
+hostile-root)
+  # Nothing of a capture runs: a preload file with its library, an entry named quarrystat, a
+  # planted floor for the emulator. Each is refused, dropped by --drop-unsafe, and harmless even
+  # in a tree that holds it (the tool runs from a root of its own).
+  marker=$work/marker
+  cat >"$work/libx.c" <<'C'
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+/* What a capture's library would do as root: say so, leave the chroot, write on the host. */
+__attribute__((constructor)) static void run(void)
+{
+    puts("PRELOADED");
+    fflush(stdout);
+    if (chroot("/proc") == 0)
+        for (int i = 0; i < 64; i++)
+            if (chdir("..") != 0)
+                break;
+    if (chroot(".") != 0)
+        return;
+    int fd = open(MARKER, O_CREAT | O_WRONLY, 0644);
+    if (fd >= 0)
+        close(fd);
+}
+C
+  cc -shared -fPIC -DMARKER="\"$marker\"" -o "$work/libx.so" "$work/libx.c" || fail "cannot build the library"
+  # A dynamically linked tool: this build when it is one (the sanitizer build), else a stand-in.
+  dyn=$binary
+  if ! ldd "$binary" >/dev/null 2>&1; then
+    printf '#include <stdio.h>\nint main(void) { puts("dynamic"); return 0; }\n' |
+      cc -x c - -o "$work/dyn" || fail "cannot build a dynamic program"
+    dyn=$work/dyn
+  fi
+  # The arm64 tool under the emulator: the aarch64 build when there is one, else a stand-in.
+  arm=$top/build/aarch64/tool/quarrystat
+  if [ ! -x "$arm" ]; then
+    printf '#include <stdio.h>\nint main(void) { puts("arm64"); return 0; }\n' |
+      aarch64-linux-gnu-gcc -static -x c - -o "$work/arm" || fail "cannot build an arm64 program"
+    arm=$work/arm
+  fi
+  /usr/bin/python3 - "$pair/after.tar.gz" "$work" "$work/libx.so" <<'PY'
+import io, sys, tarfile
+src, work, lib = sys.argv[1:]
+with open(lib, "rb") as f:
+    lib = f.read()
+def file(name, data):
+    t = tarfile.TarInfo(name); t.size = len(data); t.mode = 0o755
+    return t, io.BytesIO(data)
+def folder(name):
+    t = tarfile.TarInfo(name); t.type = tarfile.DIRTYPE; t.mode = 0o755
+    return t, None
+def link(name, target):
+    t = tarfile.TarInfo(name); t.type = tarfile.SYMTYPE; t.linkname = target
+    return t, None
+extra = {
+    "preload": [file("./etc/ld.so.preload", b"/lib/libx.so\n"), file("./lib/libx.so", lib),
+                folder("./quarrystat"), file("./quarrystat/x", b"x\n")],
+    "link": [link("./quarrystat", "proc/meminfo")],
+    "floor": [file("./proc/sys/vm/mmap_min_addr", b"18446744073709547520\n")],
+}
+for name, members in extra.items():
+    with tarfile.open(src) as tin, tarfile.open(f"{work}/{name}.tar.gz", "w:gz") as tout:
+        for m in tin:
+            tout.addfile(m, tin.extractfile(m) if m.isreg() else None)
+        for m, data in members:
+            tout.addfile(m, data)
+PY
+  check_replay() {  # check_replay NAME BINARY DROPPED...: refused naming them; dropped, replays as the pair
+    local name=$1 bin=$2 status; shift 2
+    snapshot/replay.sh "$work/$name.tar.gz" "$bin" -n >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = 3 ] || fail "$name: exit status $status, not 3: $(cat "$work/err")"
+    for want in "$@"; do
+      grep -qF "replay: dropped $want: " "$work/err" || fail "$name: $want not named: $(cat "$work/err")"
+    done
+    [ -s "$work/out" ] && fail "$name: the tool ran on a refused capture"
+    snapshot/replay.sh "$pair/after.tar.gz" "$bin" -n >"$work/want" 2>/dev/null
+    QUARRY_REPLAY_SECONDS=30 snapshot/replay.sh --drop-unsafe "$work/$name.tar.gz" "$bin" -n >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = 0 ] || fail "$name --drop-unsafe: exit status $status: $(tail -2 "$work/err")"
+    diff -u "$work/want" "$work/out" >&2 || fail "$name --drop-unsafe: not the pair's report"
+  }
+  check_replay preload "$dyn" ./etc/ld.so.preload ./lib/libx.so ./quarrystat/ ./quarrystat/x
+  check_replay link "$dyn" ./quarrystat
+  check_replay floor "$arm" ./proc/sys/vm/mmap_min_addr
+  # The same files in a tree the tool runs on in place, past the unpacking's check.
+  mkdir -p "$work/tree" "$work/mnt"
+  tar -xzf "$work/preload.tar.gz" -C "$work/tree"
+  tar -xzf "$work/floor.tar.gz" -C "$work/tree" ./proc/sys
+  for bin in "$dyn" "$arm"; do
+    snapshot/replay.sh "$pair/after.tar.gz" "$bin" -n >"$work/want" 2>/dev/null
+    QEMU= ; [ "$bin" = "$arm" ] && QEMU=/usr/bin/qemu-aarch64-static
+    QEMU=$QEMU timeout 60 unshare -m bash -c 'mount -t tmpfs -o nodev,nosuid x "$1" && cp -a "$2" "$1/tree" &&
+      scripts/run-in-tree.sh --in-place "$1/tree" "$3" -n' run "$work/mnt" "$work/tree" "$bin" \
+      >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = 0 ] || fail "in place, $bin: exit status $status: $(tail -2 "$work/err")"
+    diff -u "$work/want" "$work/out" >&2 || fail "in place, $bin: not the pair's report"
+  done
+  [ -e "$marker" ] && fail "the capture's library ran and wrote on the host"
+  ;;
+bounds)
+  # What a capture makes the host do is bounded by what a device writes: a comm past its 64
+  # bytes is refused; a report past the output bound is stopped and refused (status 5) by replay,
+  # compare and report.py; a number no device prints makes a report malformed, said in one line.
+  /usr/bin/python3 - "$pair/after.tar.gz" "$work" <<'PY'
+import io, sys, tarfile
+src, work = sys.argv[1:]
+ones = b"1" * 5000
+changes = {
+    "comm": {"./proc/488/comm": b"x" * (1 << 20) + b"\n"},
+    "digits": {"./proc/debug_ext/mem_statis/reserved_memory_stat": None},
+}
+for name, new in changes.items():
+    with tarfile.open(src) as tin, tarfile.open(f"{work}/{name}.tar.gz", "w:gz") as tout:
+        for m in tin:
+            data = tin.extractfile(m).read() if m.isreg() else None
+            if m.name in new:
+                data = new[m.name] or data.replace(b"fdt_reserved total: size 1024 KB",
+                                                   b"fdt_reserved total: size " + ones + b" KB")
+                m.size = len(data)
+            tout.addfile(m, io.BytesIO(data) if data is not None else None)
+PY
+  snapshot/replay.sh "$work/comm.tar.gz" "$binary" -u >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 3 ] || fail "1 MB comm: exit status $status, not 3"
+  grep -qxF "replay: dropped ./proc/488/comm: 1048577 bytes, more than a capture holds there (64)" "$work/err" ||
+    fail "1 MB comm: $(head -c 300 "$work/err")"
+  mkdir "$work/reports"
+  check() {  # check STATUS MESSAGE COMMAND...: the status, the message, nothing on standard output
+    local want=$1 message=$2 status; shift 2
+    "$@" >"$work/out" 2>"$work/err"
+    status=$?
+    [ $status = "$want" ] || fail "$*: exit status $status, not $want: $(cat "$work/err")"
+    grep -qF "$message" "$work/err" || fail "$*: $(cat "$work/err")"
+    grep -q Traceback "$work/err" && fail "$*: a traceback"
+    [ -s "$work/out" ] && fail "$*: printed $(head -3 "$work/out")"
+    return 0
+  }
+  export QUARRY_REPLAY_OUTPUT=300
+  too_much="replay: refusing $(realpath $pair/after.tar.gz): its -u report passed 300 bytes of output"
+  check 5 "$too_much" snapshot/replay.sh --reports "$work/reports" $pair/after.tar.gz "$binary"
+  # One report to a file: what the file holds stops at the bound.
+  snapshot/replay.sh $pair/after.tar.gz "$binary" -u >"$work/out" 2>"$work/err"
+  status=$?
+  [ $status = 5 ] && grep -qF "replay: refusing $(realpath $pair/after.tar.gz): its report passed 300 bytes" "$work/err" ||
+    fail "one report: exit status $status: $(cat "$work/err")"
+  [ "$(stat -c %s "$work/out")" -le 300 ] || fail "one report: $(stat -c %s "$work/out") bytes written"
+  check 5 "$too_much" snapshot/compare.sh $pair/after.tar.gz $pair/before.tar.gz "$binary"
+  check 5 "report.py: after.tar.gz: refused: replay: refusing after.tar.gz: its -u report passed 300" \
+    snapshot/report.py --binary "$binary" --json "$work/r.json" $pair/after.tar.gz
+  unset QUARRY_REPLAY_OUTPUT
+  check 2 "compare: cannot read $work/digits.tar.gz: its -s report is malformed: a number of 5000 digits" \
+    snapshot/compare.sh $pair/before.tar.gz "$work/digits.tar.gz" "$binary"
+  [ "$(wc -l <"$work/err")" = 1 ] || fail "compare: $(cat "$work/err")"
+  check 2 "report.py: digits.tar.gz: refused: its -s report is malformed: a number of 5000 digits" \
+    snapshot/report.py --binary "$binary" --json "$work/r.json" "$work/digits.tar.gz"
+  [ "$(wc -l <"$work/err")" = 1 ] || fail "report.py: $(cat "$work/err")"
+  [ -e "$work/r.json" ] && fail "report.py wrote a refused report"
+  ;;
 compare-device-text)
   # The lab pair with an exporter named "a|b" and a holder whose name retitles and clears a
   # terminal: the facts keep their columns and the escape bytes arrive as text.
@@ -143,6 +303,7 @@ compare-device-text)
 import io, sys, tarfile
 src, dst = sys.argv[1:]
 new = {"./sys/kernel/dmabuf/buffers/9/exporter_name": b"a|b\n",
+       "./sys/kernel/dmabuf/buffers/11/exporter_name": "c\u009b2J\u202eb\u2066\n".encode(),
        "./proc/488/comm": b"evil\x1b]0;pwned\x07\x1b[2J\n"}
 with tarfile.open(src) as tin, tarfile.open(dst, "w:gz") as tout:
     for m in tin:
@@ -155,7 +316,9 @@ PY
     fail "exit status $?: $(cat "$work/err")"
   grep -qxF 'dmabuf 9 became unmapped: 131072 bytes, a|b, held by [488]evil\x1b]0;pwned\x07\x1b[2J' "$work/out" ||
     fail "$(cat -v "$work/out")"
-  grep -q $'\x1b\|\x07' "$work/out" "$work/err" && fail "a control byte reached the terminal"
+  grep -qxF 'dmabuf 11 became unmapped: 262144 bytes, c\u009b2J\u202eb\u2066, held by [488]evil\x1b]0;pwned\x07\x1b[2J' "$work/out" ||
+    fail "$(cat -v "$work/out")"
+  grep -q $'\x1b\|\x07\|\u009b\|\u202e\|\u2066' "$work/out" "$work/err" && fail "a control character reached the terminal"
   ;;
 truncated)
   # A capture cut short (a download stopped midway) is refused as such, by replay and compare.

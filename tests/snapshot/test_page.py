@@ -179,6 +179,65 @@ class Page(unittest.TestCase):
         self.assertEqual(status, 0, err)
         self.assertIn("(memory in bank 0x80000000 and memory in banks 0x80000000 and 0x880000000)", err)
 
+    def test_destinations_checked_before_any_is_replaced(self):
+        good = pc.write_capture(self.path("good.tar.gz"), pc.sample_files(), pc.info(10))
+        with open(self.path("p.html"), "w") as f:
+            f.write("old page")
+        os.mkdir(self.path("folder"))
+        for option, dest, words in [("--json", self.path("folder"), "it is a folder"),
+                                    ("--json", self.path("none/p.json"), "no such folder"),
+                                    ("--json", self.path("p.html"), "names the same file as -o")]:
+            with self.subTest(dest=dest):
+                status, err = report("-o", self.path("p.html"), option, dest, good)
+                self.assertEqual(status, 2, err)
+                self.assertEqual(len(err.splitlines()), 1, err)
+                self.assertIn("report.py: cannot write %s (%s): %s" % (dest, option, words)
+                              if "same" not in words else words, err)
+                with open(self.path("p.html")) as f:
+                    self.assertEqual(f.read(), "old page")
+        self.assertEqual(sorted(os.listdir(self.work)), ["folder", "good.tar.gz", "p.html"])
+
+    def test_clocks_no_device_gives_make_strict_json(self):
+        rec = self.path("rec")
+        pc.recording(rec, count=3)
+        for n, uptime in ((1, "-1.7e308"), (2, "1.7e308")):
+            name = os.path.join(rec, "capture-%04d.tar.gz" % n)
+            files = {}
+            with tarfile.open(name) as t:
+                for m in t:
+                    if m.isreg():
+                        files[m.name[2:]] = t.extractfile(m).read()
+            files["capture-info"] = files["capture-info"].replace(
+                b"uptime_start=", b"uptime_start=%s\nx=" % uptime.encode())
+            pc.write_capture(name, files)
+
+        def strict(text):
+            return json.loads(text, parse_constant=lambda c: self.fail("not JSON: " + c))
+        status, err = report("--json", self.path("r.json"), rec)
+        self.assertEqual(status, 0, err)
+        with open(self.path("r.json")) as f:
+            doc = strict(f.read())
+        self.assertEqual([c["time"]["uptime"] for c in doc["captures"]][1:], [None, None])
+        self.assertTrue(all(v is None or abs(v) < 1e6 for v in doc["series"]["elapsed_s"]))
+        status, err = report("--trace", self.path("t.json"), rec)
+        self.assertEqual(status, 2, err)
+        self.assertEqual(err.splitlines(), ["report.py: cannot write the trace: a capture carries "
+                                            "no boot clock time (an older capture)"])
+        self.assertFalse(os.path.exists(self.path("t.json")))
+
+    def test_rows_bounded_over_the_captures(self):
+        import report as report_py
+        rec = self.path("rec")
+        pc.recording(rec, count=3)
+        files, recording = report_py.expand([rec])
+        rows = len(report_py.capture_entry(files[0], pc.binary(), False)["unmapped"]["rows"])
+        self.assertGreater(rows, 0)
+        saved, report_py.MAX_ROWS = report_py.MAX_ROWS, 2 * rows
+        self.addCleanup(setattr, report_py, "MAX_ROWS", saved)
+        with self.assertRaisesRegex(report_py.Refused, r"^capture-0003.tar.gz: the captures up to it "
+                                    r"hold \d+ unmapped DMA-BUF rows, more than one report holds"):
+            report_py.build(files, recording, pc.binary(), False, True, lambda text: None)
+
 
 class Drawing(unittest.TestCase):
     def test_unknown_figures_and_sums_that_differ_are_said(self):
@@ -199,6 +258,14 @@ class Drawing(unittest.TestCase):
         eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
                              "mb_reserved": 210144, "cma_total": 81920})
         self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)
+
+    def test_stacks_left_out_of_the_total_are_said(self):
+        counters = [{"name": "KernelStack", "kb": 448}, {"name": "VmallocUsed", "kb": 520}]
+        n = {"counters": counters, "total_kb": 520, "unmapped": None, "stack_counted": False}
+        bar = page.kmem_bar(n)
+        self.assertIn("KernelStack (not in the total)", bar)
+        self.assertIn("KernelStack is not part of the total: this kernel has CONFIG_VMAP_STACK", bar)
+        self.assertNotIn("not part of the total", page.kmem_bar(dict(n, stack_counted=True)))
 
 
 if __name__ == "__main__":

@@ -73,6 +73,28 @@ class KernelAndReserved(unittest.TestCase):
                                          "reason": "/sys/kernel/dmabuf/buffers unreadable"})
         self.assertEqual(n["total_kb"], 2 ** 63 - 1)
 
+    def test_stacks_in_the_total_or_not(self):
+        n = n_report(1, "68 KB", 2)
+        self.assertIsNone(reporttext.parse_kmem(n)["stack_counted"])
+        stack = n.replace("VmallocUsed", "KernelStack: 448 KB\nVmallocUsed")
+        self.assertIs(reporttext.parse_kmem(stack)["stack_counted"], False)
+        counted = stack.replace("448 KB\n", "448 KB\nCONFIG_VMAP_STACK is not set.\n")
+        self.assertIs(reporttext.parse_kmem(counted)["stack_counted"], True)
+
+    def test_numbers_no_device_prints_are_malformed(self):
+        # 20 digits is a 64-bit number; 5000 would pass Python's own bound for int().
+        ones = "1" * 5000
+        self.assertEqual(reporttext.parse_kmem(n_report(10 ** 19, "68 KB", 2))["counters"][0]["kb"], 10 ** 19)
+        for parse, text in [
+                (reporttext.parse_reserved, f"fdt_no-map total: size {ones} KB\n"),
+                (reporttext.parse_reserved, f"[fdt_no-map] x: addr 0x{'f' * 17}, size 1 KB\n"),
+                (reporttext.parse_kmem, n_report(ones, "68 KB", 2)),
+                (reporttext.parse_unmapped, u_report([(8, 4096, "system", [(69, f"x [{ones}]y")])], 4)),
+                (reporttext.parse_unmapped, u_report([(8, 4096, "system", [(69, "x")])], "1" * 21))]:
+            with self.subTest(text=text[:60]):
+                with self.assertRaisesRegex(reporttext.Malformed, r"a number of (5000|17|21) digits"):
+                    parse(text)
+
     def test_reserved_regions_figures_and_summary(self):
         text = ("[fdt_no-map] modem region: addr 0x8b800000, size 106496 KB\n"
                 "fdt_no-map total: size 122880 KB\n"
@@ -132,6 +154,14 @@ class Facts(unittest.TestCase):
             "dmabuf 10 holders changed: [69]x -> kernel",
             "dmabuf unmapped total: 68 KB -> 132 KB (+64 KB)"])
         self.assertFalse(any("\x1b" in line for line in lines))
+
+    def test_terminal_controls_beyond_ascii_escaped(self):
+        # C1 controls (CSI and OSC in one character each) and the bidirectional overrides and
+        # isolates act on a terminal; letters beyond ASCII, and a non-breaking space, are text.
+        name = "a\u009b2J\u009d0;x\u0080\u202eb\u2066c\u2069\u202a\u00e9\u00a0\u200f"
+        self.assertEqual(reporttext.shown(name), "a\\u009b2J\\u009d0;x\\u0080\\u202eb\\u2066c"
+                                                 "\\u2069\\u202a\u00e9\u00a0\u200f")
+        self.assertEqual(reporttext.shown("\x1b\x7f\udcff"), "\\x1b\\x7f\\xff")
 
     def test_unknown_figures_have_no_difference(self):
         before = side(u_report([], 0), n_report(1, "unknown (x)", 1))

@@ -15,13 +15,26 @@ import tarfile
 import tempfile
 import time
 import unittest
+import unittest.mock
 import zlib
 
 TOP = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", ".."))
 UNPACK = os.path.join(TOP, "snapshot", "unpack.py")
 PAIR = os.path.join(TOP, "tests", "data", "pair")
 sys.path.insert(0, os.path.join(TOP, "snapshot"))
+import members  # noqa: E402
 import unpack  # noqa: E402
+
+
+def any_path(rel, folder):
+    """A list of members that holds every path, so that a test of the unpacking's own workings
+    can use short names; the capture's list has its own tests (Members)."""
+    return members.Member(rel, 1 << 40, "all", folder)
+
+
+def anything_goes(test):
+    saved, unpack.LOOKUP = unpack.LOOKUP, any_path
+    test.addCleanup(setattr, unpack, "LOOKUP", saved)
 
 
 def write_long_name_bomb(path, claimed=3 << 30, zeros=3 << 30):
@@ -80,6 +93,7 @@ class Unpacking(unittest.TestCase):
     def setUp(self):
         self.tmp = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.tmp)
+        anything_goes(self)
 
     def run_on(self, data, label="capture.tar.gz"):
         """unpack() on archive bytes into a fresh folder: (status, stderr lines, folder)."""
@@ -321,6 +335,101 @@ class Order(Unpacking):
         self.assertEqual([n for n in os.listdir(self.tmp) if ".unpacking-" in n], [])
 
 
+class Members(unittest.TestCase):
+    """A capture holds what capture/members.txt lists, in the shapes a device gives it."""
+
+    def setUp(self):
+        self.tmp = tempfile.mkdtemp()
+        # rm, not shutil.rmtree: that recurses once per folder, and a test makes 1900 of them.
+        self.addCleanup(subprocess.run, ["rm", "-rf", self.tmp], check=True)
+
+    def run_on(self, data):
+        dest = tempfile.mkdtemp(dir=self.tmp)
+        err = io.StringIO()
+        status = unpack.unpack(io.BytesIO(data), "c.tar.gz", dest, err)
+        return status, err.getvalue().splitlines(), dest
+
+    def test_only_listed_members_in_their_shapes(self):
+        kept = [entry("./proc/meminfo", data=b"MemTotal: 1 kB\n"),
+                entry("./proc/1/comm", data=b"x" * 63 + b"\n"),
+                entry("./proc/1/fdinfo", tarfile.DIRTYPE),
+                entry("./proc/12/fdinfo/3", data=b"exp_name: system\n"),
+                entry("./d/cma/linux,cma/used", data=b"0\n"),
+                entry("./sys/kernel/dmabuf/buffers", tarfile.DIRTYPE),
+                entry("./dev/ion", data=b""),
+                entry("./capture-info", data=b"format=1\n")]
+        dropped = {
+            "./etc/ld.so.preload": b"/lib/libx.so\n",
+            "./lib/libx.so": b"\x7fELF",
+            "./quarrystat/": None,
+            "./proc/sys/vm/mmap_min_addr": b"18446744073709547520\n",
+            "./proc/2/comm": b"y" * (1 << 20),
+            "./proc/3/comm/": None,
+            "./proc/self/maps": b"",
+            "./proc/01/maps": b"",
+            "./proc/4/fdinfo/x": b"",
+            "./proc/meminfo/x": b"",
+        }
+        links = [entry("./proc/5/maps", tarfile.SYMTYPE, linkname="../meminfo"),
+                 entry("./quarrystat/x", tarfile.SYMTYPE, linkname="/bin/sh")]
+        built = [entry(name, data=data) if data is not None else entry(name, tarfile.DIRTYPE)
+                 for name, data in dropped.items()]
+        status, err, dest = self.run_on(build(kept + built + links))
+        self.assertEqual(status, 3, err)
+        said = {line.split(": ", 2)[1][len("dropped "):]: line.split(": ", 2)[2] for line in err}
+        self.assertEqual(set(said), set(dropped) | {"./proc/5/maps", "./quarrystat/x"}, err)
+        self.assertEqual(said["./proc/2/comm"], "1048576 bytes, more than a capture holds there (64)")
+        self.assertEqual(said["./proc/3/comm/"], "a folder where a capture holds a file")
+        self.assertEqual(said["./proc/meminfo/x"], "not a member a capture holds (capture/members.txt)")
+        self.assertEqual(said["./proc/5/maps"], "link to ../meminfo: a capture holds no links")
+        self.assertEqual(said["./quarrystat/x"], "link to /bin/sh, outside the capture")
+        made = sorted(os.path.relpath(os.path.join(d, n), dest)
+                      for d, dirs, files in os.walk(dest) for n in dirs + files)
+        self.assertEqual(made, ["capture-info", "d", "d/cma", "d/cma/linux,cma",
+                                "d/cma/linux,cma/used", "dev", "dev/ion", "proc",
+                                "proc/1", "proc/1/comm", "proc/1/fdinfo", "proc/12",
+                                "proc/12/fdinfo", "proc/12/fdinfo/3", "proc/meminfo", "sys",
+                                "sys/kernel", "sys/kernel/dmabuf", "sys/kernel/dmabuf/buffers"])
+
+    def test_deep_names_refused_in_one_line_or_made(self):
+        name = "./proc/" + "a/" * 1900 + "f"
+        archive = os.path.join(self.tmp, "deep.tar.gz")
+        with open(archive, "wb") as f:
+            f.write(build([entry("./proc/meminfo", data=b""), entry(name, data=b"x")]))
+        run = subprocess.run([sys.executable, UNPACK, archive, self.tmp + "/d"],
+                             capture_output=True, text=True, timeout=60)
+        self.assertEqual(run.returncode, 3, run.stderr)
+        self.assertEqual(run.stderr.splitlines(), [
+            f"replay: dropped {name}: not a member a capture holds (capture/members.txt)"])
+        # With every name allowed, the 1900 folders are made, one at a time.
+        anything_goes(self)
+        status, err, dest = self.run_on(build([entry(name, data=b"x")]))
+        self.assertEqual((status, err), (0, []))
+        self.assertTrue(os.path.isfile(os.path.join(dest, name)))
+
+    def test_data_past_the_memory_bound_waits_in_the_spill_folder(self):
+        spill = tempfile.mkdtemp(dir=self.tmp)
+        seen = []
+        take = unpack.Held.take
+
+        def spy(held, stream, size):
+            data = take(held, stream, size)
+            if isinstance(data, unpack.Spilled):
+                seen.append(data.path)
+            return data
+        saved, unpack.MAX_HELD = unpack.MAX_HELD, 100
+        self.addCleanup(setattr, unpack, "MAX_HELD", saved)
+        with unittest.mock.patch.object(unpack.Held, "take", spy):
+            dest = os.path.join(self.tmp, "dest")
+            with open(os.path.join(PAIR, "after.tar.gz"), "rb") as f:
+                status = unpack.unpack(f, "after.tar.gz", dest, io.StringIO(), spill=spill)
+        self.assertEqual(status, 0)
+        self.assertGreater(len(seen), 10)
+        self.assertTrue(all(p.startswith(spill + "/unpacking-") for p in seen), seen[:3])
+        self.assertEqual(os.listdir(spill), [])
+        self.assertEqual(sorted(os.listdir(self.tmp)), sorted([os.path.basename(spill), "dest"]))
+
+
 SEGMENTS = ["a", "b", "proc", "..", ".", "", "n\nl", "e\x1b[0m", "\u00e9t\u00e9", "c" * 120]
 
 
@@ -392,6 +501,7 @@ class Generated(unittest.TestCase):
                     self.assertTrue(real == dest or real.startswith(dest + "/"), (path, real))
 
     def test_invariants(self):
+        anything_goes(self)
         rng = random.Random(20)
         top = tempfile.mkdtemp(dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
         self.addCleanup(shutil.rmtree, top)
