@@ -15,6 +15,9 @@ INFO_LIMIT = 64 << 10
 INFO_VALUE_LIMIT = 4096
 # The files replay.sh copies out beside the reports.
 FILES = (INFO_MEMBER, "d/memblock/memory", "d/dma_buf/bufinfo")
+# And each process's command line (proc/PID/cmdline), of which the first 4 KiB are read: the
+# kernel hands out no more of it, and a capture keeps no more.
+CMDLINE_LIMIT = 4096
 
 Run = collections.namedtuple("Run", "status stdout stderr")
 
@@ -46,8 +49,8 @@ def check_binary(binary):
 
 def replay(capture, binary, drop_unsafe=False):
     """The -u, -n and -s reports of a capture, from one unpacking: {mode: Run}, with "replay"
-    for what replay.sh said and "files" for the capture's own files ({name: bytes or None},
-    names as in FILES)."""
+    for what replay.sh said, "files" for the capture's own files ({name: bytes or None},
+    names as in FILES) and "cmdlines" for its processes' command lines ({pid: bytes})."""
     with tempfile.TemporaryDirectory(prefix="quarry-reports.") as out:
         cmd = [os.path.join(HERE, "replay.sh")]
         if drop_unsafe:
@@ -76,7 +79,35 @@ def replay(capture, binary, drop_unsafe=False):
                     runs["files"][name] = f.read()
             except OSError:
                 runs["files"][name] = None
+        runs["cmdlines"] = read_cmdlines(os.path.join(out, "files", "proc"))
         return runs
+
+
+def read_cmdlines(folder):
+    """{pid: the first CMDLINE_LIMIT bytes of FOLDER/PID/cmdline} for every process folder."""
+    out = {}
+    try:
+        names = os.listdir(folder)
+    except OSError:
+        return out
+    for name in names:
+        if not (name.isdigit() and name.isascii()):
+            continue
+        try:
+            with open(os.path.join(folder, name, "cmdline"), "rb") as f:
+                out[int(name)] = f.read(CMDLINE_LIMIT)
+        except OSError:
+            pass
+    return out
+
+
+def split_cmdline(data):
+    """A cmdline file's arguments (NUL-separated, the last one NUL-terminated) as text; None
+    when it holds none (a kernel thread, a process that was exiting)."""
+    args = _text(data).split("\0")
+    while args and args[-1] == "":  # an app that renames itself leaves NULs behind its name
+        args.pop()
+    return args if any(args) else None
 
 
 def parse_info(data):

@@ -104,6 +104,13 @@ def capture_entry(path, binary, drop_unsafe):
     u = reporttext.parse_unmapped(runs["u"].stdout)
     for row in u["rows"]:
         row["name"] = names["names"].get(row["inode"])
+    # The holders' command lines: on Android comm is cut to 15 characters, and an app's
+    # process is named by its package only in its command line.
+    cmdlines = {}
+    for pid in sorted({o["pid"] for row in u["rows"] for o in row["owners"]}):
+        args = capturefiles.split_cmdline(runs["cmdlines"][pid]) if pid in runs["cmdlines"] else None
+        if args:
+            cmdlines[str(pid)] = args
     entry = {
         "file": os.path.basename(path),
         "info": info,
@@ -116,6 +123,7 @@ def capture_entry(path, binary, drop_unsafe):
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
         "unmapped": u,
+        "cmdlines": cmdlines,
         "bufinfo": {"present": table is not None, "problems": names["problems"]},
     }
     entry["unsaid"] = unsaid(entry)
@@ -220,6 +228,7 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
     if recording and len(captures) >= 2:
         doc["kind"] = "recording"
         doc["series"] = series.build(captures)
+        doc.update(series.events(captures))
         doc["suspects"] = series.suspects(captures, doc["series"])
     elif len(captures) == 2:
         doc["kind"] = "pair"

@@ -93,6 +93,42 @@ class Page(unittest.TestCase):
         total = [(e["ts"], e["args"]["KB"]) for e in events if e["name"] == "unmapped DMA-BUF total"]
         self.assertEqual(total, list(zip([1000000000 + 60000000 * i for i in range(5)], data["series"]["unmapped_kb"])))
 
+    def test_recording_across_a_reboot_with_holders_by_command_line(self):
+        rec = self.path("rec")
+        lines = {68: b"/vendor/bin/<b>cam</b>\0--title=\"x\" & y\0", 69: b"com.example.gallery\0\0\0"}
+        pc.recording(rec, reboot_at=3, cmdlines=lines)
+        status, err = report("-o", self.path("r.html"), "--json", self.path("r.json"), rec)
+        self.assertEqual(status, 0, err)
+        with open(self.path("r.json"), encoding="utf-8") as f:
+            data = json.load(f)
+        # Boot by boot: the second boot's smaller boot clock does not put it first.
+        self.assertEqual([c["file"] for c in data["captures"]], ["capture-%04d.tar.gz" % i for i in range(1, 6)])
+        self.assertEqual([r["text"] for r in data["reboots"]],
+                         ["the device rebooted between capture-0003 and capture-0004"])
+        self.assertEqual(data["series"]["boot"], [1, 1, 1, 2, 2])
+        elapsed = data["series"]["elapsed_s"]
+        self.assertEqual(elapsed, sorted(elapsed))
+        # Buffer 6 was unmapped from the third capture on, but the second boot's buffer 6 is
+        # another buffer, unmapped since that boot's first capture: no suspect.
+        self.assertEqual(data["suspects"]["buffers"], [])
+        self.assertEqual(data["suspects"]["within"], {"boot": 2, "first": 3, "last": 4})
+        self.assertEqual([b["boot"] for b in data["suspects"]["growth_by_boot"]], [1, 2])
+        self.assertEqual(data["captures"][0]["cmdlines"],
+                         {"68": ["/vendor/bin/<b>cam</b>", '--title="x" & y'], "69": ["com.example.gallery"]})
+        self.assertEqual(data["series"]["holders"]["[68]dmabuf-test (boot 2)"]["cmdline"][0], "/vendor/bin/<b>cam</b>")
+        with open(self.path("r.html"), encoding="utf-8") as f:
+            doc = f.read()
+        self.assertIn("the device rebooted between capture-0003 and capture-0004", doc)
+        self.assertIn('id="within-boot"', doc)
+        self.assertEqual(len(re.findall(r'<path class="reboot"', doc)), 2 + len(data["series"]["counters"]))
+        self.assertIn('<span class="cmdline" title="/vendor/bin/&lt;b&gt;cam&lt;/b&gt; --title=&quot;x&quot; &amp; y">'
+                      '/vendor/bin/&lt;b&gt;cam&lt;/b&gt;</span> [68]', doc)
+        self.assertIn('<span class="cmdline" title="com.example.gallery">com.example.gallery</span> [69]', doc)
+        self.assertNotIn("<b>", doc)
+        # Every line is drawn right of the axis (x = 70).
+        xs = [float(x) for d in re.findall(r'<path d="([^"]*)" stroke="#', doc) for x in re.findall(r"[ML]([\d.-]+) ", d)]
+        self.assertTrue(xs and min(xs) >= 70, xs)
+
     def test_bad_input_writes_nothing(self):
         p = subprocess.run(["/usr/bin/python3", REPORT, "--binary", "x", "-o", self.path("p.html")],
                            capture_output=True, text=True, timeout=60)
