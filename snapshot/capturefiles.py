@@ -4,6 +4,7 @@ the DMA-BUF debug table), taken from the same unpacking.
 """
 import collections
 import os
+import re
 import subprocess
 import tempfile
 
@@ -18,6 +19,9 @@ FILES = (INFO_MEMBER, "d/memblock/memory", "d/dma_buf/bufinfo")
 # And each process's command line (proc/PID/cmdline), of which the first 4 KiB are read: the
 # kernel hands out no more of it, and a capture keeps no more.
 CMDLINE_LIMIT = 4096
+# What is read of the archive of them: a device of a few thousand processes, each line cut to
+# 4 KiB by the capture, needs a few MB.
+CMDLINES_LIMIT = 64 << 20
 
 Run = collections.namedtuple("Run", "status stdout stderr")
 
@@ -79,25 +83,40 @@ def replay(capture, binary, drop_unsafe=False):
                     runs["files"][name] = f.read()
             except OSError:
                 runs["files"][name] = None
-        runs["cmdlines"] = read_cmdlines(os.path.join(out, "files", "proc"))
+        runs["cmdlines"] = read_cmdlines(os.path.join(out, "files", "cmdline.tar"))
         return runs
 
 
-def read_cmdlines(folder):
-    """{pid: the first CMDLINE_LIMIT bytes of FOLDER/PID/cmdline} for every process folder."""
-    out = {}
+_CMDLINE_MEMBER = re.compile(rb"proc/([0-9]{1,10})/cmdline")
+
+
+def read_cmdlines(path):
+    """{pid: the first CMDLINE_LIMIT bytes of its cmdline} from the archive replay.sh made of the
+    capture's proc/PID/cmdline files (GNU tar, regular files of at most 64 KiB; a long name
+    comes in a member of its own)."""
     try:
-        names = os.listdir(folder)
+        with open(path, "rb") as f:
+            data = f.read(CMDLINES_LIMIT)
     except OSError:
-        return out
-    for name in names:
-        if not (name.isdigit() and name.isascii()):
-            continue
+        return {}
+    out, pos, long_name = {}, 0, None
+    while pos + 512 <= len(data):
+        head = data[pos:pos + 512]
+        pos += 512
         try:
-            with open(os.path.join(folder, name, "cmdline"), "rb") as f:
-                out[int(name)] = f.read(CMDLINE_LIMIT)
-        except OSError:
-            pass
+            size = int(head[124:136].split(b"\0", 1)[0].strip() or b"0", 8)
+        except ValueError:
+            break
+        body = data[pos:pos + size]
+        pos += -(-size // 512) * 512
+        kind = head[156:157]
+        if kind == b"L":
+            long_name = body.split(b"\0", 1)[0]
+            continue
+        name, long_name = long_name or head[:100].split(b"\0", 1)[0], None
+        m = _CMDLINE_MEMBER.fullmatch(name)
+        if kind in (b"0", b"\0") and m:
+            out[int(m.group(1))] = body[:CMDLINE_LIMIT]
     return out
 
 
