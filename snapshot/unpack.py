@@ -313,7 +313,7 @@ def members(stream, label):
         name = text(block[0:100])
         if block[257:263] == b"ustar\0" and block[345] != 0:
             name = text(block[345:500]) + "/" + name
-        linkname = text(block[157:257])
+        linkname = text(block[157:257]) if block[157] else ""
         name = pax.get("path", long_name if long_name is not None else name)
         linkname = pax.get("linkpath", long_link if long_link is not None else linkname)
         if "size" in pax:
@@ -323,10 +323,12 @@ def members(stream, label):
                 size = -1
             if size < 0:
                 raise Refused(2, f"replay: cannot unpack {shown(label)}: damaged pax header")
-        if any(k.startswith("GNU.sparse.") for k in pax):
+        if pax and any(k.startswith("GNU.sparse.") for k in pax):
             kind = b"S"
-        if len(name.encode("utf-8", "surrogateescape")) >= PATH_MAX or \
-                len(linkname.encode("utf-8", "surrogateescape")) >= PATH_MAX:
+        # A name from the header itself (at most 256 bytes) needs no measuring.
+        if (pax or long_name is not None or long_link is not None) and (
+                len(name.encode("utf-8", "surrogateescape")) >= PATH_MAX or
+                len(linkname.encode("utf-8", "surrogateescape")) >= PATH_MAX):
             raise Refused(2, f"replay: {shown(label)} holds a member name longer than any "
                              f"path ({PATH_MAX}); not a capture")
         if kind not in NO_DATA and size > MAX_WRITTEN:
@@ -392,7 +394,7 @@ class Parents:
             self.made.add(path)
 
     def __call__(self, path):
-        self.folder(os.path.dirname(path))
+        self.folder(path.rpartition("/")[0])
 
 
 def unpack(f, label, dest, err=sys.stderr):
@@ -425,8 +427,7 @@ def unpack(f, label, dest, err=sys.stderr):
         # The sort is stable: of two members of one name the later is still made last.
         entries.sort(key=lambda e: e[0])
         links = []
-        for _, m, data in entries:
-            rel = relative_name(m.name)
+        for _, m, data, rel in entries:
             if not extract(m, rel, data, dest, drop, parents):
                 continue
             if m.kind == b"2":
@@ -457,8 +458,9 @@ def key_of(rel):
 
 
 def gather(stream, label, held):
-    """Reads the whole archive: its members as (sort key, member, data) in archive order. data
-    is held (Held) for regular files and for hard links to one met earlier, else None."""
+    """Reads the whole archive: its members as (sort key, member, data, relative name) in archive
+    order. data is held (Held) for regular files and for hard links to one met earlier, else
+    None."""
     entries = []
     files = {}                   # key -> index in entries of the latest regular file
     written = 0
@@ -492,12 +494,12 @@ def gather(stream, label, held):
                 if m.kind == b"1" and rel else None
             if target is not None:
                 # A copy of the file, with its mode: a hard link shares both.
-                _, source, data = entries[target]
+                _, source, data, _ = entries[target]
                 m = m._replace(size=source.size, mode=source.mode)
                 write(m.size)
             if rel and data is not None:
                 files[key] = len(entries)
-            entries.append((key, m, data))
+            entries.append((key, m, data, rel))
             last = m.name
         stream.finish()
     except Cut:
@@ -604,7 +606,7 @@ def extract(m, rel, data, dest, drop, parents):
         return False
     if rel == "":
         return False
-    path = os.path.join(dest, rel)
+    path = dest + "/" + rel     # rel is relative, without "." or ".." (relative_name)
     try:
         if m.kind == b"5":
             parents.folder(path)
