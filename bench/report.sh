@@ -35,6 +35,14 @@ for f in ("proc/meminfo", "proc/iomem", "proc/debug_ext"):
     else:
         shutil.copyfile(src, dst)
 shutil.copytree(os.path.join(sample, "sys", "kernel", "debug"), os.path.join(tree, "d"))
+# A capture holds only what the list of capture members names (the sample has more).
+sys.path.insert(0, os.path.join(top, "snapshot"))
+import members  # noqa: E402
+for folder, dirs, names in os.walk(tree):
+    for n in names:
+        path = os.path.join(folder, n)
+        if members.lookup(os.path.relpath(path, tree), False) is None:
+            os.unlink(path)
 pids = sorted(int(p) for p in os.listdir(os.path.join(tree, "proc")) if p.isdigit())
 for n, pid in enumerate(pids):
     folder = os.path.join(tree, "proc", str(pid))

@@ -81,6 +81,17 @@ def memory_ranges(data):
     return out or None
 
 
+def _cleaned(doc):
+    """The document with device text made valid UTF-8 (clean()); a walk of every value only
+    when some text needs it, which is rare: a recording's document holds hundreds of
+    thousands of values."""
+    try:
+        json.dumps(doc, ensure_ascii=False, separators=(",", ":")).encode("utf-8")
+        return doc
+    except UnicodeEncodeError:
+        return _clean_tree(doc)
+
+
 def _clean_tree(value):
     if isinstance(value, str):
         return clean(value)
@@ -235,7 +246,7 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         sides = [{"u": c["unmapped"], "n": c["kmem"], "s": c["reserved"], "status": c["status"]}
                  for c in captures]
         doc["facts"] = facts.compare(sides[0], sides[1])
-    return _clean_tree(doc)
+    return _cleaned(doc)
 
 
 def write_all(outputs):

@@ -38,7 +38,7 @@ class Page(unittest.TestCase):
         files["proc/68/comm"] = b"<script>alert(1)</script>\n"
         files["proc/69/comm"] = b'"><img src=x onerror=alert(2)>\x07\n'
         files["d/dma_buf/bufinfo"] = pc.bufinfo_table([(131072, "udmabuf", 5, "G:<b>screenshot</b>")])
-        files["proc/68/cmdline"] = b"<script>alert(3)</script>\0\x1b[31m\0"
+        files["proc/68/cmdline"] = b"<script>alert(3)</script>\0\x1b[31m\xff\0"
         files["proc/69/cmdline"] = b"\0\0"  # a process exiting, or a kernel thread: no line
         cap = pc.write_capture(self.path("c.tar.gz"), files, pc.info(8123.45))
         status, err = report("-o", self.path("p.html"), "--json", self.path("p.json"), cap)
@@ -52,7 +52,7 @@ class Page(unittest.TestCase):
         self.assertIn("&quot;&gt;&lt;img src=x onerror=alert(2)&gt;\\x07", doc)
         self.assertNotIn("<img", doc)
         self.assertIn("G:&lt;b&gt;screenshot&lt;/b&gt;", doc)
-        self.assertIn('<span class="cmdline" title="&lt;script&gt;alert(3)&lt;/script&gt; \\x1b[31m">'
+        self.assertIn('<span class="cmdline" title="&lt;script&gt;alert(3)&lt;/script&gt; \\x1b[31m\\xff">'
                       '&lt;script&gt;alert(3)&lt;/script&gt;</span> [68]', doc)
         # Map rectangles to scale within a bank: width per KB is the same for every region.
         widths = {html.unescape(n): float(w) for n, w in re.findall(r'data-region="([^"]*)" x="[^"]*" y="\d+" width="([^"]*)"', doc)}
@@ -62,7 +62,8 @@ class Page(unittest.TestCase):
         self.assertEqual((data["schema"], data["kind"]), (1, "capture"))
         c = data["captures"][0]
         self.assertEqual(c["time"]["uptime"], 8123.45)
-        self.assertEqual(c["cmdlines"], {"68": ["<script>alert(3)</script>", "\x1b[31m"]})
+        # Bytes that are not UTF-8 reach the JSON as the text \xHH.
+        self.assertEqual(c["cmdlines"], {"68": ["<script>alert(3)</script>", "\x1b[31m\\xff"]})
         self.assertEqual([r["name"] for r in c["unmapped"]["rows"] if r["inode"] == 5], ["G:<b>screenshot</b>"])
         self.assertTrue(any(r["name"] == "modem_region" for r in c["reserved"]["regions"]))
         # The sample has no ION: said once in words, the tool's own lines kept in the JSON.
