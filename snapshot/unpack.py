@@ -231,9 +231,16 @@ def text(field):
     return field.split(b"\0", 1)[0].decode("utf-8", "surrogateescape")
 
 
+def byte_sum(block):
+    """The sum of a header block's bytes. Adler-32's low half is 1 plus the sum of the bytes
+    modulo 65521; a half block sums to at most 256 * 255 = 65280, so each half's is exact (and
+    computed in C: summing in Python took a tenth of a capture's unpacking)."""
+    return (zlib.adler32(block[:256]) & 0xffff) + (zlib.adler32(block[256:]) & 0xffff) - 2
+
+
 def checksum_ok(block):
     stored = octal(block[148:156])
-    unsigned = sum(block) - sum(block[148:156]) + 8 * 0x20
+    unsigned = byte_sum(block) - sum(block[148:156]) + 8 * 0x20
     if stored == unsigned:
         return True
     # Some old writers summed the bytes as signed chars.
