@@ -145,5 +145,12 @@ passed=$((passed + $(grep -c '^ok ' <<<"$pair"))) failed=$((failed + $(grep -c '
 rec=$("$here/record_leak.sh" console.txt "$binary")
 echo "$rec"
 passed=$((passed + $(grep -c '^ok ' <<<"$rec"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$rec")))
+# Two boots of one board on two builds' device trees, compared (one kernel is enough to show it;
+# QUARRY_LAB_BUILDS=DIR keeps the pair there).
+if [ "$QUARRY_LAB_KERNEL" = 6.1 ]; then
+  builds=$("$here/build_over_build.sh" "$image" "$binary" ${QUARRY_LAB_BUILDS:+"$QUARRY_LAB_BUILDS"})
+  echo "$builds"
+  passed=$((passed + $(grep -c '^ok ' <<<"$builds"))) failed=$((failed + $(grep -c '^FAIL ' <<<"$builds")))
+fi
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -24,6 +24,9 @@ CMDLINE_LIMIT = 4096
 CMDLINES_LIMIT = 64 << 20
 
 Run = collections.namedtuple("Run", "status stdout stderr")
+# "   0: 0x0000000080000000..0x000000008b7fffff": a range of /d/memblock/memory, last byte
+# inclusive.
+_RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
 
 
 class ReplayError(Exception):
@@ -143,3 +146,17 @@ def info_of(runs):
     """The metadata of a replayed capture (replay()'s result), {} for a capture without it."""
     data = runs["files"][INFO_MEMBER]
     return parse_info(data) if data is not None else {}
+
+
+def memory_ranges(data):
+    """The memory table (/d/memblock/memory, as bytes) as [start, end) pairs, or None."""
+    if data is None:
+        return None
+    out = []
+    for line in data.decode("ascii", "replace").splitlines():
+        m = _RANGE.match(line)
+        if m:
+            start, last = int(m.group(1), 16), int(m.group(2), 16)
+            if last >= start:
+                out.append([start, last + 1])
+    return out or None

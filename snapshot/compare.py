@@ -4,6 +4,7 @@ command users run; see there for the lines it prints)."""
 import sys
 import time
 
+import board
 import capturefiles
 import facts as factlib
 import reporttext
@@ -16,7 +17,8 @@ TAGS = dict(factlib.REPORTS)
 def load(capture, binary, drop_unsafe):
     """The parsed reports of one capture, with their exit statuses."""
     runs = capturefiles.replay(capture, binary, drop_unsafe)
-    side = {"status": {}, "info": capturefiles.info_of(runs)}
+    side = {"status": {}, "info": capturefiles.info_of(runs),
+            "memory": capturefiles.memory_ranges(runs["files"]["d/memblock/memory"])}
     for mode in capturefiles.MODES:
         side[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
         side["status"][mode] = runs[mode].status
@@ -61,6 +63,62 @@ def fact_lines(facts):
             if f["report"] == tag:
                 lines.append(f"{tag} {shown(f['name'])}: {show(f['before'])} -> "
                              f"{show(f['after'])}{delta(f)}")
+        if tag == "reserved":
+            lines += region_lines(facts)
+    return lines
+
+
+def _place(at):
+    """ "0x8b800000, 106496 KB", or "106496 KB" for a figure the report does not locate."""
+    size = f"{at['size_kb']} KB"
+    return size if at["start"] is None else f"{at['start']}, {size}"
+
+
+def _kb(d):
+    return f"{'+' if d >= 0 else '-'}{abs(d)} KB"
+
+
+def _ranges(spans):
+    # As /d/memblock/memory prints them: first and last byte.
+    return ", ".join(f"{a}..0x{int(z, 16) - 1:x}" for a, z in spans)
+
+
+def region_lines(facts):
+    """One line per region of -s that changed between the builds, then one per change of the
+    memory table. A region the report locates is a "region", a figure it does not a "figure"."""
+    lines = []
+    for r in facts.get("regions") or []:
+        if r["change"] == "unchanged":
+            continue
+        b, a = r["before"], r["after"]
+        what = "region" if (a or b)["start"] is not None else "figure"
+        head = f"reserved {what} [{shown(r['kind'])}] {shown(r['name'])}"
+        if r["printed"]:
+            head += f" #{r['occurrence']}"
+        change = r["change"]
+        if change == "added":
+            text = f"{head} added: {_place(a)}"
+        elif change == "removed":
+            text = f"{head} removed: {_place(b)}"
+        elif change == "resized":
+            text = f"{head} resized: {b['size_kb']} KB -> {a['size_kb']} KB ({_kb(r['delta_kb'])})"
+        elif change == "moved":
+            text = f"{head} moved: {b['start']} -> {a['start']}, {a['size_kb']} KB"
+        else:
+            text = f"{head} moved and resized: {_place(b)} -> {_place(a)} ({_kb(r['delta_kb'])})"
+        if r["printed"]:
+            p = r["printed"]
+            text += (f" (the name is printed {p['before']} times before, {p['after']} after; "
+                     "matched in order)")
+        lines.append(text)
+    for m in facts.get("memory") or []:
+        if m["change"] == "added":
+            text = _ranges(m["after"])
+        elif m["change"] == "removed":
+            text = _ranges(m["before"])
+        else:
+            text = f"{_ranges(m['before'])} -> {_ranges(m['after'])}"
+        lines.append(f"reserved memory table {m['change']}: {text} ({_kb(m['delta_kb'])})")
     return lines
 
 
@@ -82,7 +140,28 @@ def device(info):
     return f"{model}{fingerprint}"
 
 
-def header(names, infos):
+def board_lines(a, b, memory=(None, None)):
+    """Whether two captures with metadata are of one board (board.py's rule): a line naming
+    both builds when the fingerprint changed, a warning on standard error when the models
+    differ; a kernel change is warned about only when the build stayed the same."""
+    lines = []
+    other = board.differ(a, memory[0], b, memory[1])
+    if other:
+        print(f"compare: warning: the captures come from different devices: {shown(other)}",
+              file=sys.stderr)
+    elif board.build(a) != board.build(b):
+        lines.append(shown(f"compare: one board ({board.model(a) or 'unknown model'}), two builds: "
+                           f"{board.build(a) or 'unknown'} -> {board.build(b) or 'unknown'}"))
+    if (a.get("kernel_release"), a.get("kernel_version")) != \
+            (b.get("kernel_release"), b.get("kernel_version")) and \
+            (other or board.build(a) == board.build(b)):
+        print("compare: warning: the captures come from different kernels: "
+              f"{shown(a.get('kernel_release', ''))} and "
+              f"{shown(b.get('kernel_release', ''))}", file=sys.stderr)
+    return lines
+
+
+def header(names, infos, sides_memory=(None, None)):
     """The header lines: which capture is which, and, for captures that carry metadata, the
     device, kernel and time of each; warnings on standard error when they differ."""
     lines = [f"compare: before {shown(names[0])}, after {shown(names[1])}"]
@@ -90,16 +169,10 @@ def header(names, infos):
         if info:
             lines.append(shown(f"compare: {side}: {device(info)}, kernel "
                                f"{info.get('kernel_release') or 'unknown'}, {when(info)}"))
+    a, b = infos
+    # Without metadata the banks of the memory tables still tell two boards apart.
+    lines += board_lines(a or {}, b or {}, sides_memory)
     if all(infos):
-        a, b = infos
-        if (a.get("model"), a.get("fingerprint")) != (b.get("model"), b.get("fingerprint")):
-            print("compare: warning: the captures come from different devices: "
-                  f"{shown(device(a))} and {shown(device(b))}", file=sys.stderr)
-        if (a.get("kernel_release"), a.get("kernel_version")) != \
-                (b.get("kernel_release"), b.get("kernel_version")):
-            print("compare: warning: the captures come from different kernels: "
-                  f"{shown(a.get('kernel_release', ''))} and "
-                  f"{shown(b.get('kernel_release', ''))}", file=sys.stderr)
         if a.get("boot_id") and b.get("boot_id") and a["boot_id"] != b["boot_id"]:
             lines.append("compare: the device rebooted between the captures (their boot ids "
                          "differ): every buffer and counter started afresh")
@@ -128,7 +201,8 @@ def main(argv):
             print(f"compare: cannot replay {shown(capture)}", file=sys.stderr)
             return e.status
     infos = [side["info"] for side in sides]
-    out = header((before, after), infos) + fact_lines(factlib.compare(*sides))
+    out = header((before, after), infos, [side["memory"] for side in sides]) + \
+        fact_lines(factlib.compare(*sides))
     sys.stdout.write("".join(line + "\n" for line in out))
     return 0
 

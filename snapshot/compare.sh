@@ -9,11 +9,16 @@
 #   dmabuf unmapped total: N KB -> N KB (+N KB)
 #   kmem COUNTER: N KB -> N KB (+N KB)           every counter of -n, changed or not
 #   reserved FIGURE: N KB -> N KB (+N KB)        every figure of the -s summary
+#   reserved region [KIND] NAME CHANGE: ...      each region of -s that changed (added, removed,
+#   reserved figure [KIND] NAME CHANGE: ...      resized, moved, moved and resized), matched by
+#                                                kind and name ("#N" when a name repeats)
+#   reserved memory table CHANGE: RANGES (+N KB) each change of /d/memblock/memory
 # Differences are exact, however large the figures. A report that gives no figures for a
 # capture is named once with the reason ("dmabuf: no figures after: no DMA-BUF sysfs
 # statistics"), its figures read "none", and no buffer is said to have changed. Captures that
-# carry their metadata (capture-info) add their device, kernel and time to the header; two
-# devices or kernels are warned about on standard error, a reboot between them is noted.
+# carry their metadata (capture-info) add their device, kernel and time to the header, and both
+# builds when one board (one model) runs two; two devices, or two kernels on one build, are
+# warned about on standard error, a reboot between them is noted.
 # Process and exporter names are shown with control characters as \xHH, so each fact stays one
 # line and no name reaches the terminal as an escape sequence.
 # Exit status 0 when both captures could be replayed; 2 when the binary cannot run here or a

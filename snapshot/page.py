@@ -39,7 +39,8 @@ td.kernel{font-style:italic;color:#8a2be2}.cmdline{font-weight:bold}.unsaid{colo
 .bad{color:#a00;font-weight:bold}#reboots li.reboot{color:#a00;font-weight:bold}svg{display:block;margin:.5em 0}
 .nomap{fill:#d62728}.reserved{fill:#ff7f0e}.cma{fill:#2ca02c}.cmaused{fill:#135e13}
 .initrd{fill:#9467bd}.kcode{fill:#1f77b4}.kdata{fill:#17becf}.memory{fill:#f4f4e8}
-.hole{fill:#555}.absent{fill:#fff;stroke:#bbb}.legend span{display:inline-block;width:12px;
+.hole{fill:#555}.changed{stroke:#000;stroke-width:2}.memory-map .changed{stroke-dasharray:none}
+.removed-region{opacity:.45;stroke-dasharray:3 2}.absent{fill:#fff;stroke:#bbb}.legend span{display:inline-block;width:12px;
 height:12px;margin:0 4px 0 12px;vertical-align:middle}.unknown{fill:#fff;stroke:#a00;
 stroke-dasharray:4 2}code{background:#f3f3f3}
 """
@@ -105,20 +106,26 @@ def _title(name, start, end, size_kb):
     return "<title>%s: 0x%x-0x%x, %d KB</title>" % (text(name), start, end, size_kb)
 
 
-def memory_map(capture):
+def memory_map(capture, ident="memory-map", marks=None, key=True):
+    """The map of one capture. marks: {(kind, name, start, size_kb): (change, label)} outlines
+    those regions and writes the label under them (a pair's changed regions); key=False leaves
+    out the legend and the list of narrow regions (a pair shows them once)."""
+    marks = marks or {}
     s = capture["reserved"]
     regions = sorted(s["regions"], key=lambda r: -r["size_kb"])
     used = {}
     for c in s.get("cma_used", []):
         used[c["area"]] = used.get(c["area"], 0) + c["kb"]
-    row_h, gap = 36, 34
-    height = len(BANKS) * row_h + (len(BANKS) - 1) * gap + 20
-    out = ['<svg id="memory-map" width="%d" height="%d" viewBox="0 0 %d %d" '
-           'xmlns="http://www.w3.org/2000/svg">' % (MAP_WIDTH, height, MAP_WIDTH, height)]
+    # Changed regions are labelled under their bank, on two lines below the addresses.
+    row_h, gap = 36, 34 if not marks else 90
+    height = len(BANKS) * row_h + (len(BANKS) - 1) * gap + (20 if not marks else 48)
+    out = ['<svg id="%s" class="memory-map" width="%d" height="%d" viewBox="0 0 %d %d" '
+           'xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH, height, MAP_WIDTH, height)]
     narrow, outside = [], []
     placed = set()
     for b, (lo, hi) in enumerate(BANKS):
         y = b * (row_h + gap)
+        labels = []
         scale = MAP_WIDTH / (hi - lo)
         out.append('<rect class="absent" x="0" y="%d" width="%d" height="%d">'
                    '<title>bank 0x%x-0x%x</title></rect>' % (y, MAP_WIDTH, row_h, lo, hi))
@@ -143,13 +150,19 @@ def memory_map(capture):
             if w < MIN_WIDTH:
                 narrow.append(r)
                 w = MIN_WIDTH
-            out.append('<rect class="%s" data-region="%s" x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
-                cls, text(r["name"]), x, y + 4, w, row_h - 8, _title(r["name"], start, start + size, r["size_kb"])))
+            mark = marks.get((r["kind"], r["name"], start, r["size_kb"]))
+            out.append('<rect class="%s" data-region="%s"%s x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
+                cls + (" changed" if mark else ""), text(r["name"]),
+                ' data-change="%s"' % text(mark[0]) if mark else "",
+                x, y + 4, w, row_h - 8, _title(r["name"], start, start + size, r["size_kb"])))
+            if mark:
+                labels.append((x, y, w, mark))
             if cls == "cma" and used.get(r["name"]):
                 u = min(used[r["name"]] * 1024, size)
                 out.append('<rect class="cmaused" x="%.3f" y="%d" width="%.3f" height="%d">'
                            '<title>%s in use: %d KB (its place in the area is not known)</title></rect>' % (
                                x, y + 12, max(u * scale, 1), row_h - 24, text(r["name"]), used[r["name"]]))
+        out.append(_change_labels(labels, y + row_h))
         out.append('<text x="2" y="%d" font-size="11">0x%x</text>' % (y + row_h + 12, lo))
         out.append('<text x="%d" y="%d" font-size="11" text-anchor="end">0x%x (%d MB in %d px)</text>' % (
             MAP_WIDTH - 2, y + row_h + 12, hi, (hi - lo) >> 20, MAP_WIDTH))
@@ -169,9 +182,25 @@ def memory_map(capture):
             text(r["name"]), text(r["kind"]), r["start"], r["size_kb"],
             "outside the banks" if r in outside else "too narrow to see; drawn %d px wide" % MIN_WIDTH)
             for r in narrow + outside)
-        listed = ('<table id="narrow-regions"><thead><tr><th>Region</th><th>Kind</th><th>Start</th>'
-                  '<th class=n>KB</th><th></th></tr></thead><tbody>%s</tbody></table>' % rows)
-    return "".join(out) + legend + listed
+        listed = ('<table id="%s"><thead><tr><th>Region</th><th>Kind</th><th>Start</th>'
+                  '<th class=n>KB</th><th></th></tr></thead><tbody>%s</tbody></table>' % (
+                      "narrow-regions" if ident == "memory-map" else ident + "-narrow", rows))
+    return "".join(out) + (legend + listed if key else "")
+
+
+def _change_labels(labels, bottom):
+    """The labels of a bank's changed regions, under the bank, alternating between two lines so
+    that neighbours do not overwrite each other; a line from each label up to its region."""
+    out = []
+    for k, (x, y, w, (change, label)) in enumerate(sorted(labels, key=lambda t: t[0])):
+        ly = bottom + 24 + 13 * (k % 2)
+        mid = x + w / 2
+        anchor = "end" if mid > MAP_WIDTH * 0.7 else "start"
+        out.append('<path d="M%.3f %d V%d" stroke="#000" stroke-width="1"/>'
+                   '<text class="change-label" data-change="%s" x="%.3f" y="%d" font-size="11" '
+                   'text-anchor="%s">%s</text>' % (mid, bottom - 4, ly - 9, text(change), mid, ly, anchor,
+                                                  text(label)))
+    return "".join(out)
 
 
 def _legend_colour(cls):
@@ -180,7 +209,7 @@ def _legend_colour(cls):
             "hole": "#555", "absent": "#fff;border:1px solid #bbb"}[cls]
 
 
-def equations(summary):
+def equations(summary, ident="total-differs"):
     if not summary:
         return '<p class="unsaid">The report printed no summary.</p>'
     g = summary.get
@@ -203,8 +232,8 @@ def equations(summary):
         s = "<p><code>ReservedMemoryTotal (%s) ?= %s = bp hole (%s) + fdt_nomap (%s) + mb_reserved (%s) - cma_total (%s)</code>" % (
             kb(g("total")), kb(g("parts")), kb(g("bp_hole")), kb(g("fdt_nomap")), kb(g("mb_reserved")), kb(g("cma_total")))
         if g("total") is not None and g("parts") is not None and g("total") != g("parts"):
-            s += ' <span class="bad" id="total-differs">the sum of the parts (%d KB) differs from the published total (%d KB) by %+d KB</span>' % (
-                g("parts"), g("total"), g("parts") - g("total"))
+            s += ' <span class="bad" id="%s">the sum of the parts (%d KB) differs from the published total (%d KB) by %+d KB</span>' % (
+                ident, g("parts"), g("total"), g("parts") - g("total"))
         out.append(s + "</p>")
     if "bootloader_memhole" in summary:
         out.append(line("bootloader_memhole", g("bootloader_memhole"),
@@ -215,7 +244,7 @@ def equations(summary):
     return "".join(out)
 
 
-def kmem_bar(n):
+def kmem_bar(n, ident="kmem-bar"):
     parts = [(c["name"], c["kb"]) for c in n["counters"]]
     unknown = None
     if n["unmapped"] is not None:
@@ -225,7 +254,7 @@ def kmem_bar(n):
             parts.append((n["unmapped"]["source"] + " unmapped", n["unmapped"]["kb"]))
     whole = sum(v for _, v in parts if v > 0) or 1
     x = 0.0
-    out = ['<svg id="kmem-bar" width="%d" height="46" xmlns="http://www.w3.org/2000/svg">' % MAP_WIDTH]
+    out = ['<svg id="%s" width="%d" height="46" xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH)]
     for i, (name, v) in enumerate(parts):
         if v <= 0:
             continue
@@ -380,6 +409,126 @@ def facts_section(f, before_lines=None, after_lines=None):
     return "".join(out)
 
 
+CHANGE_WORDS = {"added": "added", "removed": "removed", "resized": "resized", "moved": "moved",
+                "moved_resized": "moved and resized"}
+
+
+def _at(at):
+    if at is None:
+        return "", ""
+    return (text(at["start"]) if at["start"] else "not located"), "%d" % at["size_kb"]
+
+
+def region_changes_section(f):
+    """The reserved section's opening: each region of -s that changed, then the memory table's
+    changes."""
+    changed = [r for r in f.get("regions") or [] if r["change"] != "unchanged"]
+    out = []
+    if any(m["report"] == "reserved" for m in f["missing"]):
+        out.append('<p class="unsaid">One of the captures has no reserved-memory report: its '
+                   'regions cannot be compared.</p>')
+    elif changed:
+        rows = []
+        for r in changed:
+            b, a = _at(r["before"]), _at(r["after"])
+            dup = (" (#%d; the name is printed %d times before, %d after: matched in order)" % (
+                r["occurrence"], r["printed"]["before"], r["printed"]["after"]) if r["printed"] else "")
+            rows.append('<tr data-change="%s"><td>%s</td><td>%s</td><td>%s%s</td><td>%s</td>'
+                        '<td class=n>%s</td><td>%s</td><td class=n>%s</td><td class=n>%+d</td></tr>' % (
+                            text(r["change"]), text(CHANGE_WORDS[r["change"]]), text(r["kind"]),
+                            text(r["name"]), text(dup), b[0], b[1], a[0], a[1], r["delta_kb"]))
+        out.append('<table id="region-changes"><thead><tr><th>Change</th><th>Kind</th><th>Region</th>'
+                   '<th>Start before</th><th class=n>KB before</th><th>Start after</th><th class=n>KB after</th>'
+                   '<th class=n>Change (KB)</th></tr></thead><tbody>%s</tbody></table>' % "".join(rows))
+    else:
+        out.append('<p id="region-changes">No region of the reserved-memory report changed.</p>')
+    if f.get("memory"):
+        out.append('<ul id="memory-changes">%s</ul>' % "".join(
+            "<li>memory table %s: %s (%+d KB)</li>" % (text(m["change"]), text(" -> ".join(
+                ", ".join("0x%x-0x%x" % (int(a, 16), int(z, 16)) for a, z in side)
+                for side in (m["before"], m["after"]) if side)), m["delta_kb"]) for m in f["memory"]))
+    return "".join(out)
+
+
+def _map_marks(f, side):
+    """{(kind, name, start, size_kb): (change, label)} of one capture's changed regions."""
+    marks = {}
+    for r in f.get("regions") or []:
+        at = r[side]
+        if r["change"] == "unchanged" or at is None or at["start"] is None:
+            continue
+        words = CHANGE_WORDS[r["change"]]
+        if r["change"] in ("added", "removed"):
+            label = "%s %s, %d KB" % (r["name"], words, at["size_kb"])
+        else:
+            label = "%s %s, %+d KB" % (r["name"], words, r["delta_kb"])
+        marks[(r["kind"], r["name"], int(at["start"], 16), at["size_kb"])] = (r["change"], label)
+    return marks
+
+
+def _board_note(doc):
+    b = doc.get("board")
+    if not b:
+        return ""
+    if not b["same"]:
+        return ('<p class="bad" id="board-warning">These captures come from different devices '
+                '(%s): their figures are compared, but not as one board.</p>' % text(b["differ"]))
+    if b["builds"][0] != b["builds"][1]:
+        return '<p id="builds">One board (%s), two builds: %s &rarr; %s</p>' % (
+            text(b["models"][0] or "model not recorded"), text(b["builds"][0] or "not recorded"),
+            text(b["builds"][1] or "not recorded"))
+    return ""
+
+
+def pair_sections(doc, before_marks, after_marks):
+    """The page of two captures: what changed, then each section once where both captures say
+    the same, and before above after where they differ (element ids made unique by side)."""
+    caps, f = doc["captures"], doc["facts"]
+    h = [_board_note(doc), facts_section(f, caps[0].get("cmdlines"), caps[1].get("cmdlines"))]
+    for c in caps:
+        info = c["info"]
+        h.append('<p class="note">%s: model %s, build %s, kernel %s, %s</p>' % (
+            text(c["file"]), text(info.get("model") or "not recorded"),
+            text(info.get("fingerprint") or "not recorded"),
+            text(info.get("kernel_release") or "not recorded"), text(_when(c["time"]))))
+        h.append(unsaid_list(c["unsaid"], "capture"))
+    h.append("<h2>Reserved memory</h2>")
+    h.append(region_changes_section(f))
+    if caps[0]["memory"] == caps[1]["memory"] and all(
+            caps[0]["reserved"][k] == caps[1]["reserved"][k] for k in ("regions", "cma_used")):
+        h.append('<h3>Physical memory map, the same in both captures</h3>' + memory_map(caps[1]))
+    else:
+        h.append('<h3>Physical memory maps, before above after, on one scale</h3>'
+                 '<p class="note">Changed regions are outlined and labelled.</p>')
+        for c, side in zip(caps, ("before", "after")):
+            h.append('<h4>%s: %s</h4>' % (side.capitalize(), text(c["file"])))
+            h.append(memory_map(c, "memory-map-" + side, _map_marks(f, side), key=side == "after"))
+    if caps[0]["reserved"]["summary"] == caps[1]["reserved"]["summary"]:
+        h.append(equations(caps[1]["reserved"]["summary"]))
+    else:
+        for c, side in zip(caps, ("before", "after")):
+            h.append("<p>%s:</p>" % side.capitalize() + equations(c["reserved"]["summary"], "total-differs-" + side))
+    for c in caps:
+        h.append(unsaid_list(c["unsaid"], "reserved"))
+    h.append("<h2>Kernel memory</h2>")
+    if caps[0]["kmem"] == caps[1]["kmem"]:
+        h.append('<p class="note">The same in both captures.</p>' + kmem_bar(caps[1]["kmem"]))
+    else:
+        for c, side in zip(caps, ("before", "after")):
+            h.append("<h3>%s</h3>" % side.capitalize() + kmem_bar(c["kmem"], "kmem-bar-" + side))
+    for c in caps:
+        h.append(unsaid_list(c["unsaid"], "kmem"))
+    h.append("<h2>Unmapped DMA-BUF</h2>")
+    if caps[0]["unmapped"] == caps[1]["unmapped"]:
+        h.append('<p class="note">The same in both captures.</p>' + dmabuf_section(caps[1], "after", {}))
+    else:
+        h.append("<h3>Before</h3>" + dmabuf_section(caps[0], "before", before_marks))
+        h.append("<h3>After</h3>" + dmabuf_section(caps[1], "after", after_marks))
+    for c in caps:
+        h.append(unsaid_list(c["unsaid"], "dmabuf"))
+    return "".join(h)
+
+
 def chart(ident, title, xs, lines, breaks=()):
     """A timeline: lines is [(label, values)], values None where a capture could not say;
     breaks are the indexes of the first capture after each reboot: no line runs across one,
@@ -529,9 +678,7 @@ def render(doc):
                 before_marks[b["inode"]] = ("gone", text(b["change"]))
             else:
                 after_marks[b["inode"]] = ("changed", text(b["change"]))
-        h.append(facts_section(f, caps[0].get("cmdlines"), caps[1].get("cmdlines")))
-        h.append("<h2>Before</h2>" + capture_sections(caps[0], "before", before_marks))
-        h.append("<h2>After</h2>" + capture_sections(caps[1], "after", after_marks))
+        h.append(pair_sections(doc, before_marks, after_marks))
     elif kind == "recording":
         h.append(recording_events(doc))
         h.append(recording_sections(doc))

@@ -20,6 +20,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import board  # noqa: E402
 import bufinfo  # noqa: E402
 import capturefiles  # noqa: E402
 import facts  # noqa: E402
@@ -35,7 +36,6 @@ INFO_VALUE_LIMIT = 256
 
 # The libraries' line for an ION statistics file the kernel does not have.
 _ION_MISSING = re.compile(r"\] Can't open file: /sys/kernel/ion/([^/\s]+)$")
-_RANGE = re.compile(r"^\s*\d+:\s+0x([0-9a-fA-F]+)\.\.0x([0-9a-fA-F]+)")
 
 
 # A report that cannot be made: its status and message (replay's own refusals among them).
@@ -68,18 +68,8 @@ def unhosted(text, capture):
     return text
 
 
-def memory_ranges(data):
-    """The memory table (/d/memblock/memory) as [start, end) pairs, or None."""
-    if data is None:
-        return None
-    out = []
-    for line in data.decode("ascii", "replace").splitlines():
-        m = _RANGE.match(line)
-        if m:
-            start, last = int(m.group(1), 16), int(m.group(2), 16)
-            if last >= start:
-                out.append([start, last + 1])
-    return out or None
+# The memory table (/d/memblock/memory) as [start, end) pairs, or None.
+memory_ranges = capturefiles.memory_ranges
 
 
 def _cleaned(doc):
@@ -131,7 +121,6 @@ def capture_entry(path, binary, drop_unsafe):
         "messages": {m: unhosted(runs[m].stderr, path).splitlines()[:MESSAGE_LINES]
                      for m in ("u", "n", "s", "replay")},
         "memory": memory_ranges(members[MEMORY]),
-        "memory_table": members[MEMORY],
         "reserved": reporttext.parse_reserved(runs["s"].stdout),
         "kmem": reporttext.parse_kmem(runs["n"].stdout),
         "unmapped": u,
@@ -197,17 +186,25 @@ def expand(paths):
     return files, recording or len(files) >= 3
 
 
-def same_device(files, tables):
-    """Captures of one recording must come from one device: their memory tables agree."""
-    first = None
-    for f, t in zip(files, tables):
-        if t is None:
-            continue
-        if first is None:
-            first = (f, t)
-        elif t != first[1]:
-            raise Refused(2, "%s and %s come from different devices (their memory tables differ); "
-                          "they cannot be one report" % (os.path.basename(first[0]), os.path.basename(f)))
+def one_board(captures, recording, warn):
+    """The board rule (board.py) over the captures, in order: a recording is of one board, so
+    the first two neighbours that differ refuse it; a pair of two boards is still compared,
+    with a warning here and on the page. Returns the pair's board facts (None otherwise)."""
+    for a, b in zip(captures, captures[1:]):
+        other = board.differ(a["info"], a["memory"], b["info"], b["memory"])
+        if other and recording:
+            raise Refused(2, "%s and %s come from different devices (%s); a recording is of one "
+                          "board" % (a["file"], b["file"], other))
+    if len(captures) != 2:
+        return None
+    a, b = captures
+    other = board.differ(a["info"], a["memory"], b["info"], b["memory"])
+    if other:
+        warn("report: warning: %s and %s come from different devices (%s)" % (
+            reporttext.shown(a["file"]), reporttext.shown(b["file"]), reporttext.shown(other)))
+    return {"same": other is None, "differ": other,
+            "models": [board.model(c["info"]) for c in captures],
+            "builds": [board.build(c["info"]) for c in captures]}
 
 
 def build(files, recording, binary, drop_unsafe, skip_refused, warn):
@@ -236,12 +233,10 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
                 left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
     if not captures:
         raise Refused(last_refusal.status if last_refusal else 2, "no capture could be replayed")
-    tables = [c.pop("memory_table") for c in captures]
-    if len(captures) > 1:
-        same_device([c["file"] for c in captures], tables)
     if recording:
         order = series.time_order([(c["file"], c["time"]) for c in captures])
         captures = [captures[i] for i in order]
+    pair_board = one_board(captures, recording and len(captures) >= 2, warn)
     doc = {"schema": SCHEMA, "kind": "capture", "captures": captures, "left_out": left_out}
     if recording and len(captures) >= 2:
         doc["kind"] = "recording"
@@ -250,9 +245,10 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         doc["suspects"] = series.suspects(captures, doc["series"])
     elif len(captures) == 2:
         doc["kind"] = "pair"
-        sides = [{"u": c["unmapped"], "n": c["kmem"], "s": c["reserved"], "status": c["status"]}
-                 for c in captures]
+        sides = [{"u": c["unmapped"], "n": c["kmem"], "s": c["reserved"], "status": c["status"],
+                  "memory": c["memory"]} for c in captures]
         doc["facts"] = facts.compare(sides[0], sides[1])
+        doc["board"] = pair_board
     return _cleaned(doc)
 
 

@@ -55,20 +55,31 @@ def _lines(text):
 
 
 def parse_reserved(text):
-    """The -s report: its located regions, named totals, the tool's figures and the summary."""
-    result = {"regions": [], "totals": {}, "figures": {}, "cma_used": [], "summary": None}
+    """The -s report: its located regions, named totals, the tool's figures and the summary.
+
+    "entries" lists every "[kind] name" line in report order, located or not (start None),
+    duplicates included: the regions of the statistics file and each figure the tool inserts
+    (kernel code and data, memblock reserved total, CMA total, CMA used per area, bp hole). It
+    is what two builds' reports are matched by."""
+    result = {"regions": [], "totals": {}, "figures": {}, "cma_used": [], "summary": None,
+              "entries": []}
+    entries = result["entries"]
     for line in _lines(text):
         m = _REGION.match(line)
         if m:
             result["regions"].append({"kind": m[1], "name": m[2], "start": int(m[3], 16),
                                       "size_kb": int(m[4])})
+            entries.append(dict(result["regions"][-1]))
             continue
         m = _CMA_TOTAL.match(line)
         if m:
             result["figures"]["CmaFixUsedTotal"] = int(m[1])
+            entries.append({"kind": "CmaFixUsedTotal", "name": "CmaFixUsedTotal", "start": None,
+                            "size_kb": int(m[1])})
             continue
         m = _FIGURE.match(line)
         if m:
+            entries.append({"kind": m[1], "name": m[2], "start": None, "size_kb": int(m[3])})
             if m[1] == "cma_fix_used":
                 result["cma_used"].append({"area": m[2], "kb": int(m[3])})
             else:

@@ -1,13 +1,14 @@
 // Opens report pages from file:// in the installed chromium, with the network refused, and
 // checks what a person would see: nothing leaves the page, no script error or dialog, the
 // memory map to scale, the DMA-BUF table sorting on a click, a recording's suspects and its
-// holders named by command line, a recording across a reboot.
-//   node check_page.js CAPTURE.html RECORDING.html HOSTILE.html SCREENSHOT.png REBOOTED.html
+// holders named by command line, a pair of two builds (both maps on one scale, before above
+// after, the changed regions labelled) and a recording across a reboot.
+//   node check_page.js CAPTURE.html RECORDING.html HOSTILE.html SCREENSHOT.png BUILDS.html REBOOTED.html
 'use strict';
 const path = require('path');
 const puppeteer = require('puppeteer-core');
 
-const [capturePage, recordingPage, hostilePage, screenshot, rebootedPage] = process.argv.slice(2);
+const [capturePage, recordingPage, hostilePage, screenshot, buildsPage, rebootedPage] = process.argv.slice(2);
 const browserPath = process.env.CHROMIUM || '/usr/bin/chromium';
 const failures = [];
 const fail = (what) => { failures.push(what); console.log('FAIL ' + what); };
@@ -101,6 +102,74 @@ async function checkRebooted(page) {
   if (!marks) fail('no reboot mark on the timelines');
 }
 
+// The lab's build-over-build pair (tests/data/builds): what changed between the two builds.
+const CHANGED = {
+  before: { modem_region: 'resized' },
+  after: { modem_region: 'resized', npu_region: 'added' },
+};
+const LABELS = ['modem_region resized, -2048 KB', 'npu_region added, 8192 KB'];
+
+async function checkBuilds(page) {
+  const seen = await page.evaluate(() => {
+    const box = (e) => { const r = e.getBoundingClientRect(); return { x: r.x, y: r.y, w: r.width, h: r.height }; };
+    const maps = {};
+    for (const side of ['before', 'after']) {
+      const svg = document.getElementById('memory-map-' + side);
+      if (!svg) continue;
+      const regions = {};
+      svg.querySelectorAll('rect[data-region]').forEach((r) => {
+        regions[r.getAttribute('data-region')] = Object.assign(box(r), {
+          change: r.getAttribute('data-change'), stroke: getComputedStyle(r).stroke,
+          strokeWidth: getComputedStyle(r).strokeWidth });
+      });
+      const labels = Array.from(svg.querySelectorAll('text.change-label')).map((t) => Object.assign(box(t), { text: t.textContent }));
+      maps[side] = { box: box(svg), regions, labels };
+    }
+    const ids = Array.from(document.querySelectorAll('[id]')).map((e) => e.id);
+    const h2 = Array.from(document.querySelectorAll('h2')).find((h) => h.textContent === 'Reserved memory');
+    return { maps, ids, first: h2 && h2.nextElementSibling ? h2.nextElementSibling.id : null };
+  });
+  const { before, after } = seen.maps;
+  if (!before || !after) return fail('builds: the page lacks a map: ' + Object.keys(seen.maps));
+  if (before.box.y + before.box.h > after.box.y) fail('builds: the before map is not above the after map');
+  const dup = seen.ids.filter((id, i) => seen.ids.indexOf(id) !== i);
+  if (dup.length) fail('builds: repeated element ids: ' + dup);
+  if (seen.first !== 'region-changes') fail('builds: the reserved section opens with ' + seen.first);
+  // One scale: an unchanged region has the same place and width in both maps; modem_region's
+  // two widths are in the ratio of its two sizes.
+  for (const name of ['adsp_region', 'linux,cma', 'camera_cma']) {
+    const a = before.regions[name], b = after.regions[name];
+    if (!a || !b || Math.abs(a.x - b.x) > 0.01 || Math.abs(a.w - b.w) > 0.01) {
+      fail(`builds: ${name} differs between the maps: ${JSON.stringify([a, b])}`);
+    }
+  }
+  const m0 = before.regions.modem_region, m1 = after.regions.modem_region;
+  if (!m0 || !m1 || Math.abs(m1.w - m0.w * 104448 / 106496) > 0.01) fail('builds: modem_region not to scale: ' + JSON.stringify([m0, m1]));
+  for (const side of ['before', 'after']) {
+    const map = seen.maps[side];
+    const changed = {};
+    for (const [name, r] of Object.entries(map.regions)) {
+      if (r.change) changed[name] = r.change;
+      if (r.change && (r.stroke === 'none' || parseFloat(r.strokeWidth) < 1)) fail(`builds: ${side} ${name} is not outlined`);
+    }
+    if (JSON.stringify(changed) !== JSON.stringify(CHANGED[side])) fail(`builds: ${side} marks ${JSON.stringify(changed)}`);
+    // Every label inside its map, none over another.
+    for (const l of map.labels) {
+      if (l.x < map.box.x - 0.5 || l.x + l.w > map.box.x + map.box.w + 0.5 || l.y + l.h > map.box.y + map.box.h + 0.5) {
+        fail(`builds: the label ${l.text} leaves its map`);
+      }
+    }
+    for (const [i, a] of map.labels.entries()) {
+      for (const b of map.labels.slice(i + 1)) {
+        if (a.x < b.x + b.w && b.x < a.x + a.w && a.y < b.y + b.h && b.y < a.y + a.h) fail(`builds: labels ${a.text} and ${b.text} overlap`);
+      }
+    }
+  }
+  const texts = after.labels.map((l) => l.text).sort();
+  if (JSON.stringify(texts) !== JSON.stringify(LABELS)) fail('builds: the after map is labelled ' + JSON.stringify(texts));
+  console.log('builds: labels ' + JSON.stringify(texts));
+}
+
 (async () => {
   const escapes = [];
   const browser = await puppeteer.launch({
@@ -118,7 +187,8 @@ async function checkRebooted(page) {
     await checkHostile(await open(browser, hostilePage, escapes));
     const rec = await open(browser, recordingPage, escapes);
     await checkRecording(rec);
-    await checkRebooted(await open(browser, rebootedPage, escapes));
+    if (buildsPage) await checkBuilds(await open(browser, buildsPage, escapes));
+    if (rebootedPage) await checkRebooted(await open(browser, rebootedPage, escapes));
   } catch (e) {
     fail('browser: ' + e.message);
   } finally {

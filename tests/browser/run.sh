@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The page in a real browser: builds a capture, a hostile capture, a recording and a recording
-# across a reboot from the sample tree, makes their pages with report.py and checks them in the installed chromium
-# (check_page.js), with the network refused. Needs `scripts/setup.sh browser` first (else it
+# across a reboot from the sample tree, makes their pages and that of the lab's build-over-build
+# pair with report.py and checks them in the installed chromium (check_page.js), with the network
+# refused. Needs `scripts/setup.sh browser` first (else it
 # exits 77: skipped).
 #   tests/browser/run.sh BINARY [SCREENSHOT.png]
 set -euo pipefail
@@ -37,6 +38,8 @@ done
 for p in recording rebooted; do
   /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/$p.html" "$work/$p"
 done
+/usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/builds.html" \
+  "$top/tests/data/builds/build1.tar.gz" "$top/tests/data/builds/build2.tar.gz"
 cd "$here"
 timeout -k 5 150 node check_page.js "$work/capture.html" "$work/recording.html" "$work/hostile.html" "$shot" \
-  "$work/rebooted.html"
+  "$work/builds.html" "$work/rebooted.html"

@@ -9,7 +9,8 @@
    those texts and that status.
 2. Every README code block that starts with "$ quarrystat " is a run of lines of what
    scripts/demo.sh prints on the sample (trailing blanks aside).
-3. The block under "Leak hunting" is what snapshot/compare.sh prints on the lab's pair.
+3. The block under "Leak hunting" is what snapshot/compare.sh prints on the lab's pair, and the
+   one under "Build over build" what it prints on the lab's two builds.
 """
 import os
 import re
@@ -145,19 +146,19 @@ def check_demo(binary, readme):
             problem("the block starting %r is not what scripts/demo.sh prints" % want[0])
 
 
-def check_compare(binary, readme, work):
-    command = "$ snapshot/compare.sh before.tar.gz after.tar.gz build/default/tool/quarrystat"
+def check_compare(binary, readme, work, data="pair", names=("before", "after")):
+    command = "$ snapshot/compare.sh %s.tar.gz %s.tar.gz build/default/tool/quarrystat" % names
     blocks = [b for b in code_blocks(readme) if b.startswith(command + "\n")]
     if len(blocks) != 1:
         problem("not one block starting %r" % command)
         return
-    pair = os.path.join(work, "pair")
+    pair = os.path.join(work, data)
     os.mkdir(pair)
-    for side in ("before", "after"):
-        shutil.copy(os.path.join(TOP, "tests/data/pair", side + ".tar.gz"), pair)
+    for side in names:
+        shutil.copy(os.path.join(TOP, "tests/data", data, side + ".tar.gz"), pair)
     # Run where the user would, so the captures' names are the README's.
-    run = subprocess.run([os.path.join(TOP, "snapshot/compare.sh"), "before.tar.gz",
-                          "after.tar.gz", binary], cwd=pair, capture_output=True, text=True,
+    run = subprocess.run([os.path.join(TOP, "snapshot/compare.sh"), names[0] + ".tar.gz",
+                          names[1] + ".tar.gz", binary], cwd=pair, capture_output=True, text=True,
                          timeout=600)
     if run.returncode != 0:
         problem("compare.sh: exit status %d: %s" % (run.returncode, run.stderr[-500:]))
@@ -165,8 +166,8 @@ def check_compare(binary, readme, work):
     got = lines(run.stdout.rstrip("\n"))
     if want != got:
         diff = [("- " + w, "+ " + g) for w, g in zip(want, got) if w != g][:3]
-        problem("the compare example is not what compare.sh prints (README -, compare.sh +): %s%s"
-                % (diff, "" if len(want) == len(got) else
+        problem("the compare example of %s is not what compare.sh prints (README -, compare.sh +): %s%s"
+                % (data, diff, "" if len(want) == len(got) else
                    "; %d lines, not %d" % (len(got), len(want))))
 
 
@@ -181,9 +182,10 @@ def main():
         check_table(binary, readme, work)
         check_demo(binary, readme)
         check_compare(binary, readme, work)
+        check_compare(binary, readme, work, "builds", ("build1", "build2"))
     if problems:
         return 1
-    print("check-readme: %d silences, the demo's output and the compare example hold" % len(CASES))
+    print("check-readme: %d silences, the demo's output and the two compare examples hold" % len(CASES))
     return 0
 
 

@@ -103,3 +103,28 @@ def recording(folder, count=5, reboot_at=None, cmdlines=None):
             when = info(20 + 60 * (i - reboot_at), wall=1764000000 + 1000 + 60 * reboot_at + 40, boot="b-2")
         names.append(write_capture(os.path.join(folder, "capture-%04d.tar.gz" % (i + 1)), files, when))
     return names
+
+
+def build_over_build(folder, model_after="lab board"):
+    """Two captures of one board on two builds: modem_region 2 MB smaller (the memory table
+    takes the freed 2 MB back) and a new 8 MB no-map npu_region at 0xc0000000 (the memory table
+    cut where it lies). Returns the two paths."""
+    os.makedirs(folder, exist_ok=True)
+    before = sample_files()
+    after = dict(before)
+    stat = "proc/debug_ext/mem_statis/reserved_memory_stat"
+    text = before[stat].decode()
+    text = text.replace("modem_region: addr 0x8b800000, size 106496 KB",
+                        "modem_region: addr 0x8b800000, size 104448 KB")
+    text = text.replace("[fdt_no-map] gpu_region: addr 0xa0000000, size 4096 KB\n",
+                        "[fdt_no-map] gpu_region: addr 0xa0000000, size 4096 KB\n"
+                        "[fdt_no-map] npu_region: addr 0xc0000000, size 8192 KB\n")
+    after[stat] = text.replace("fdt_no-map total: size 122880 KB", "fdt_no-map total: size 129024 KB").encode()
+    memory = before["d/memblock/memory"].decode()
+    memory = memory.replace("   2: 0x0000000092600000", "   2: 0x0000000091e00000..0x0000000091ffffff\n"
+                            "   2: 0x0000000092600000")
+    after["d/memblock/memory"] = memory.replace("0x00000000c0100000", "0x00000000c0800000").encode()
+    info_before = dict(info(500), fingerprint="lab/board/1.0:user")
+    info_after = dict(info(40, boot="b-2"), fingerprint="lab/board/1.1:user", model=model_after)
+    return (write_capture(os.path.join(folder, "build1.tar.gz"), before, info_before),
+            write_capture(os.path.join(folder, "build2.tar.gz"), after, info_after))

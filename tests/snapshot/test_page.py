@@ -161,12 +161,65 @@ class Page(unittest.TestCase):
             left = json.load(f)["left_out"]
         self.assertEqual([x["file"] for x in left], ["bad.tar.gz"])
         self.assertNotIn(self.work, left[0]["reason"])  # no host path on a page meant for a bug
-        other = pc.sample_files()
-        other["d/memblock/memory"] = b"   0: 0x0000000080000000..0x00000000bfffffff\n"
-        pc.write_capture(self.path("other.tar.gz"), other, pc.info(20))
-        status, err = report("-o", self.path("p.html"), good, self.path("other.tar.gz"))
+
+    def test_build_over_build_pair_json_and_page(self):
+        before, after = pc.build_over_build(self.path("b"))
+        status, err = report("-o", self.path("p.html"), "--json", self.path("p.json"), before, after)
+        self.assertEqual(status, 0, err)  # memory tables differ: one board all the same
+        self.assertEqual(err, "")
+        with open(self.path("p.json"), encoding="utf-8") as f:
+            data = json.load(f)
+        self.assertEqual(data["board"], {"same": True, "differ": None, "models": ["lab board"] * 2,
+                                         "builds": ["lab/board/1.0:user", "lab/board/1.1:user"]})
+        changed = [(r["kind"], r["name"], r["change"], r["before"], r["after"], r["delta_kb"])
+                   for r in data["facts"]["regions"] if r["change"] != "unchanged"]
+        self.assertEqual(changed, [
+            ("fdt_no-map", "modem_region", "resized", {"start": "0x8b800000", "size_kb": 106496},
+             {"start": "0x8b800000", "size_kb": 104448}, -2048),
+            ("BpHoles", "BpHoles", "resized", {"start": None, "size_kb": 1024}, {"start": None, "size_kb": 0}, -1024),
+            ("fdt_no-map", "npu_region", "added", None, {"start": "0xc0000000", "size_kb": 8192}, 8192)])
+        self.assertEqual([m["change"] for m in data["facts"]["memory"]], ["added", "cut"])
+        self.assertIn("figures", data["facts"])  # the keys of before stay
+        with open(self.path("p.html"), encoding="utf-8") as f:
+            doc = f.read()
+        ids = re.findall(r'\sid="([^"]*)"', doc)
+        self.assertEqual(sorted(ids), sorted(set(ids)), "an element id is repeated")
+        # The reserved section opens with the changes; each changed region outlined on its map.
+        reserved = doc[doc.index("<h2>Reserved memory</h2>"):]
+        self.assertTrue(reserved[len("<h2>Reserved memory</h2>"):].startswith('<table id="region-changes">'))
+        marked = re.findall(r'<svg id="(memory-map-\w+)"|data-region="([^"]*)" data-change="(\w+)"', doc)
+        self.assertEqual([m for m in marked if m[0] or m[1]], [
+            ("memory-map-before", "", ""), ("", "modem_region", "resized"),
+            ("memory-map-after", "", ""), ("", "modem_region", "resized"), ("", "npu_region", "added")])
+        self.assertIn("lab/board/1.0:user &rarr; lab/board/1.1:user", doc)
+        # Sections both captures share are shown once.
+        self.assertEqual(doc.count('<svg id="kmem-bar"'), 1)
+        self.assertEqual(doc.count('id="dmabuf-'), 1)
+
+    def test_model_rule(self):
+        good = pc.write_capture(self.path("good.tar.gz"), pc.sample_files(), pc.info(10))
+        other = pc.write_capture(self.path("other.tar.gz"), pc.sample_files(), dict(pc.info(20), model="<b>other</b>"))
+        status, err = report("-o", self.path("p.html"), "--json", self.path("p.json"), good, other)
+        self.assertEqual(status, 0, err)
+        self.assertIn("report: warning: good.tar.gz and other.tar.gz come from different devices "
+                      "(models lab board and <b>other</b>)", err)
+        with open(self.path("p.html"), encoding="utf-8") as f:
+            self.assertIn('id="board-warning">These captures come from different devices (models lab board '
+                          'and &lt;b&gt;other&lt;/b&gt;)', f.read())
+        # A recording is of one board: the first two neighbours that differ are named.
+        third = pc.write_capture(self.path("third.tar.gz"), pc.sample_files(), pc.info(30))
+        status, err = report("-o", self.path("r.html"), good, good, other, third)
         self.assertEqual(status, 2)
-        self.assertIn("good.tar.gz and other.tar.gz come from different devices", err)
+        self.assertIn("good.tar.gz and other.tar.gz come from different devices (models lab board and "
+                      "<b>other</b>); a recording is of one board", err)
+        self.assertFalse(os.path.exists(self.path("r.html")))
+        # Without capture-info the banks decide: a second bank that only one capture has.
+        files = pc.sample_files()
+        files["d/memblock/memory"] = b"   0: 0x0000000080000000..0x00000000bfffffff\n"
+        one = pc.write_capture(self.path("one.tar.gz"), files)
+        status, err = report("--json", self.path("q.json"), one, pc.write_capture(self.path("two.tar.gz"), pc.sample_files()))
+        self.assertEqual(status, 0, err)
+        self.assertIn("(memory in bank 0x80000000 and memory in banks 0x80000000 and 0x880000000)", err)
 
 
 class Drawing(unittest.TestCase):
@@ -175,6 +228,16 @@ class Drawing(unittest.TestCase):
                              "unmapped": {"source": "DMA-BUF", "kb": None, "reason": "no <sysfs>"}})
         self.assertIn("unknown (no &lt;sysfs&gt;)", bar)
         self.assertNotRegex(bar, r"DMA-BUF unmapped</td><td class=n>0")
+        # Region names come from a device file: text in the table, on the map and in its labels.
+        evil = "<img src=x onerror=alert(1)>\x1b"
+        regions = [{"kind": "fdt_no-map", "name": evil, "change": "added", "occurrence": 1, "printed": None,
+                    "before": None, "after": {"start": "0x90000000", "size_kb": 8192}, "delta_kb": 8192}]
+        f = {"missing": [], "regions": regions, "memory": []}
+        capture = {"memory": None, "reserved": {"regions": [{"kind": "fdt_no-map", "name": evil,
+                                                             "start": 0x90000000, "size_kb": 8192}]}}
+        drawn = page.region_changes_section(f) + page.memory_map(capture, "m", page._map_marks(f, "after"))
+        self.assertNotIn("<img", drawn)
+        self.assertEqual(drawn.count("&lt;img src=x onerror=alert(1)&gt;\\x1b"), 4)  # table, rect, title, label
         eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
                              "mb_reserved": 210144, "cma_total": 81920})
         self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)

@@ -140,6 +140,86 @@ class Facts(unittest.TestCase):
                       compare.fact_lines(facts.compare(before, after)))
 
 
+def s_report(*lines):
+    """A -s report of the given region lines, with a summary so that it counts as a report."""
+    return ("=============== reserved memory statistics ===============\n" + "".join(
+        line + "\n" for line in lines) + "======================== Summary ========================\n"
+        "ReservedMemoryTotal 10 KB ?=\n"
+        "10 KB = bp hole(0 KB) + fdt_nomap(10 KB) + mb_reserved(0 KB) - cma_total(0 KB)\n")
+
+
+class Regions(unittest.TestCase):
+    def changes(self, before, after, memory=(None, None)):
+        b, a = side("", "", s_report(*before)), side("", "", s_report(*after))
+        b["memory"], a["memory"] = memory
+        f = facts.compare(b, a)
+        return f, [line for line in compare.fact_lines(f)
+                   if line.startswith(("reserved region", "reserved figure", "reserved memory table"))]
+
+    def test_each_kind_of_change_by_kind_and_name(self):
+        f, lines = self.changes(
+            ["[fdt_no-map] modem: addr 0x8b800000, size 106496 KB",
+             "[fdt_no-map] gone: addr 0x90000000, size 1024 KB",
+             "[fdt_no-map] still: addr 0xa0000000, size 4096 KB",
+             "[fdt_reserved_cma] linux,cma: addr 0xfc000000, size 65536 KB",
+             "[fdt_reserved] ramoops: addr 0xb0000000, size 1024 KB",
+             "[BpHoles] BpHoles: size 1024 KB", "[cma_fix_used] linux,cma: size 1536 KB"],
+            ["[fdt_no-map] modem: addr 0x8b800000, size 104448 KB",
+             "[fdt_no-map] still: addr 0xa0000000, size 4096 KB",
+             "[fdt_no-map] npu: addr 0xc0000000, size 8192 KB",
+             "[fdt_reserved_cma] linux,cma: addr 0xf8000000, size 65536 KB",
+             "[fdt_reserved] ramoops: addr 0xb0100000, size 2048 KB",
+             "[BpHoles] BpHoles: size 0 KB", "[cma_fix_used] linux,cma: size 1536 KB"])
+        self.assertEqual(lines, [
+            "reserved region [fdt_no-map] modem resized: 106496 KB -> 104448 KB (-2048 KB)",
+            "reserved region [fdt_no-map] gone removed: 0x90000000, 1024 KB",
+            "reserved region [fdt_reserved_cma] linux,cma moved: 0xfc000000 -> 0xf8000000, 65536 KB",
+            "reserved region [fdt_reserved] ramoops moved and resized: 0xb0000000, 1024 KB -> "
+            "0xb0100000, 2048 KB (+1024 KB)",
+            "reserved figure [BpHoles] BpHoles resized: 1024 KB -> 0 KB (-1024 KB)",
+            "reserved region [fdt_no-map] npu added: 0xc0000000, 8192 KB"])
+        # The JSON's records: the same name under two kinds is two regions, each matched.
+        by = {(r["kind"], r["name"]): r for r in f["regions"]}
+        self.assertEqual(by[("cma_fix_used", "linux,cma")]["change"], "unchanged")
+        self.assertEqual(by[("fdt_no-map", "npu")], {
+            "kind": "fdt_no-map", "name": "npu", "change": "added", "occurrence": 1, "printed": None,
+            "before": None, "after": {"start": "0xc0000000", "size_kb": 8192}, "delta_kb": 8192})
+        self.assertEqual(by[("fdt_reserved", "ramoops")]["before"], {"start": "0xb0000000", "size_kb": 1024})
+        self.assertEqual(set(r["change"] for r in f["regions"]), set(facts.REGION_CHANGES))
+
+    def test_a_name_printed_twice_is_matched_in_order_and_said_so(self):
+        _, lines = self.changes(["[fdt_no-map] dsp: addr 0x90000000, size 1024 KB",
+                                 "[fdt_no-map] dsp: addr 0x91000000, size 2048 KB"],
+                                ["[fdt_no-map] dsp: addr 0x91000000, size 2048 KB"])
+        self.assertEqual(lines, [
+            "reserved region [fdt_no-map] dsp #1 moved and resized: 0x90000000, 1024 KB -> "
+            "0x91000000, 2048 KB (+1024 KB) (the name is printed 2 times before, 1 after; matched in order)",
+            "reserved region [fdt_no-map] dsp #2 removed: 0x91000000, 2048 KB "
+            "(the name is printed 2 times before, 1 after; matched in order)"])
+
+    def test_memory_table_ranges_added_removed_cut_and_grown(self):
+        mb = 1 << 20
+        before = [[0x80000000, 0x8b800000], [0x92600000, 0xc0000000], [0xc0100000, 0x100000000],
+                  [0x880000000, 0x8c0000000]]
+        after = [[0x80000000, 0x8b800000], [0x91e00000, 0x92000000], [0x92600000, 0xa0000000],
+                 [0xa0400000, 0xc0000000], [0xc0000000, 0x100000000]]
+        f, lines = self.changes(["[BpHoles] BpHoles: size 0 KB"], ["[BpHoles] BpHoles: size 0 KB"],
+                                (before, after))
+        self.assertEqual(lines, [
+            "reserved memory table added: 0x91e00000..0x91ffffff (+2048 KB)",
+            "reserved memory table cut: 0x92600000..0xbfffffff -> 0x92600000..0x9fffffff, "
+            "0xa0400000..0xbfffffff (-4096 KB)",
+            "reserved memory table grown: 0xc0100000..0xffffffff -> 0xc0000000..0xffffffff (+1024 KB)",
+            "reserved memory table removed: 0x880000000..0x8bfffffff (-1048576 KB)"])
+        self.assertEqual(f["memory"][0], {"change": "added", "before": [],
+                                          "after": [["0x91e00000", "0x92000000"]], "delta_kb": 2 * mb // 1024})
+        # Unchanged reports and tables say nothing; a side without -s compares no region.
+        self.assertEqual(self.changes(["[BpHoles] BpHoles: size 0 KB"], ["[BpHoles] BpHoles: size 0 KB"],
+                                      (before, before))[1], [])
+        b, a = side("", "", ""), side("", "", s_report("[fdt_no-map] npu: addr 0xc0000000, size 8192 KB"))
+        self.assertEqual(facts.compare(b, a)["regions"], [])
+
+
 class Header(unittest.TestCase):
     INFO = {"format": "1", "model": "Pixel\x1b[2J", "fingerprint": "fp/1", "kernel_release": "6.1.0",
             "kernel_version": "#1 SMP", "boot_id": "b1", "uptime_start": "100.5",
@@ -164,11 +244,33 @@ class Header(unittest.TestCase):
     def test_other_device_kernel_and_boot(self):
         lines, err = self.header(dict(self.INFO, model="Other", kernel_version="#2", boot_id="b2"))
         self.assertIn("the device rebooted between the captures", lines[-1])
-        self.assertIn("compare: warning: the captures come from different devices", err)
+        self.assertIn("compare: warning: the captures come from different devices: models "
+                      "Pixel\\x1b[2J and Other", err)
         self.assertIn("compare: warning: the captures come from different kernels", err)
 
     def test_captures_without_metadata_keep_the_old_header(self):
         self.assertEqual(compare.header(("b", "a"), ({}, {})), ["compare: before b, after a"])
+
+    def test_one_board_two_builds_is_no_other_device(self):
+        # Same model, new fingerprint and kernel: the builds are named, nothing is warned about,
+        # however the memory tables differ.
+        lines, err = self.header(dict(self.INFO, fingerprint="fp/2", kernel_release="6.1.1",
+                                      kernel_version="#2 SMP"))
+        self.assertIn("compare: one board (Pixel\\x1b[2J), two builds: fp/1 -> fp/2", lines)
+        self.assertEqual(err, "")
+
+    def test_without_metadata_the_banks_tell_boards_apart(self):
+        import contextlib
+        import io
+        err = io.StringIO()
+        with contextlib.redirect_stderr(err):
+            compare.header(("b", "a"), ({}, {}), ([[0x80000000, 0x90000000]], [[0x80000000, 0x88000000]]))
+        self.assertEqual(err.getvalue(), "")
+        with contextlib.redirect_stderr(err):
+            compare.header(("b", "a"), ({}, {}), ([[0x80000000, 0x90000000]],
+                                                  [[0x80000000, 0x90000000], [0x880000000, 0x890000000]]))
+        self.assertEqual(err.getvalue(), "compare: warning: the captures come from different devices: "
+                         "memory in bank 0x80000000 and memory in banks 0x80000000 and 0x880000000\n")
 
 
 if __name__ == "__main__":
