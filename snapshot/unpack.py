@@ -434,7 +434,8 @@ def unpack(f, label, dest, err=sys.stderr):
         # The sort is stable: of two members of one name the later is still made last.
         entries.sort(key=lambda e: e[0])
         links = []
-        for _, m, data, rel in entries:
+        for _, m, data in entries:
+            rel = relative_name(m.name)
             if not extract(m, rel, data, dest, drop, parents):
                 continue
             if m.kind == b"2":
@@ -465,9 +466,8 @@ def key_of(rel):
 
 
 def gather(stream, label, held):
-    """Reads the whole archive: its members as (sort key, member, data, relative name) in archive
-    order. data is held (Held) for regular files and for hard links to one met earlier, else
-    None."""
+    """Reads the whole archive: its members as (sort key, member, data) in archive order. data
+    is held (Held) for regular files and for hard links to one met earlier, else None."""
     entries = []
     files = {}                   # key -> index in entries of the latest regular file
     written = 0
@@ -501,12 +501,12 @@ def gather(stream, label, held):
                 if m.kind == b"1" and rel else None
             if target is not None:
                 # A copy of the file, with its mode: a hard link shares both.
-                _, source, data, _ = entries[target]
+                _, source, data = entries[target]
                 m = m._replace(size=source.size, mode=source.mode)
                 write(m.size)
             if rel and data is not None:
                 files[key] = len(entries)
-            entries.append((key, m, data, rel))
+            entries.append((key, m, data))
             last = m.name
         stream.finish()
     except Cut:
@@ -613,7 +613,7 @@ def extract(m, rel, data, dest, drop, parents):
         return False
     if rel == "":
         return False
-    path = dest + "/" + rel     # rel is relative, without "." or ".." (relative_name)
+    path = os.path.join(dest, rel)
     try:
         if m.kind == b"5":
             parents.folder(path)
