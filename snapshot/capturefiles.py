@@ -16,12 +16,6 @@ INFO_LIMIT = 64 << 10
 INFO_VALUE_LIMIT = 4096
 # The files replay.sh copies out beside the reports.
 FILES = (INFO_MEMBER, "d/memblock/memory", "d/dma_buf/bufinfo")
-# And each process's command line (proc/PID/cmdline), of which the first 4 KiB are read: the
-# kernel hands out no more of it, and a capture keeps no more.
-CMDLINE_LIMIT = 4096
-# What is read of the archive of them: a device of a few thousand processes, each line cut to
-# 4 KiB by the capture, needs a few MB.
-CMDLINES_LIMIT = 64 << 20
 
 Run = collections.namedtuple("Run", "status stdout stderr")
 # "   0: 0x0000000080000000..0x000000008b7fffff": a range of /d/memblock/memory, last byte
@@ -90,6 +84,11 @@ def replay(capture, binary, drop_unsafe=False):
         return runs
 
 
+# Of each process's command line (proc/PID/cmdline) the first 4 KiB are read: the kernel hands
+# out no more of it, and a capture keeps no more. Of the archive replay.sh makes of them, 64 MiB
+# are read: a device of a few thousand processes needs a few MB.
+CMDLINE_LIMIT = 4096
+CMDLINES_LIMIT = 64 << 20
 _CMDLINE_MEMBER = re.compile(rb"proc/([0-9]{1,10})/cmdline")
 
 

@@ -12,7 +12,6 @@ The page and the JSON are made from the same document, so the JSON holds every f
 shows.
 """
 import argparse
-import concurrent.futures
 import json
 import os
 import re
@@ -215,22 +214,16 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
         raise Refused(e.status, e.message.strip())
     captures, left_out = [], []
     last_refusal = None
-    # The replays are each bounded by replay's own time limits. They run side by side, one per
-    # core this process may use (taskset limits them), and are taken in the captures' order.
-    workers = max(1, min(len(files), len(os.sched_getaffinity(0))))
-    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
-        replays = [pool.submit(capture_entry, f, binary, drop_unsafe) for f in files]
-        for f, replay in zip(files, replays):
-            try:
-                captures.append(replay.result())
-            except Refused as e:
-                last_refusal = e
-                reason = lines_shown(e.message)
-                if not skip_refused:
-                    pool.shutdown(cancel_futures=True)
-                    raise Refused(e.status, "%s: refused: %s" % (os.path.basename(f), reason))
-                warn("report: leaving out %s (status %d): %s" % (os.path.basename(f), e.status, reason))
-                left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
+    for f in files:
+        try:
+            captures.append(capture_entry(f, binary, drop_unsafe))
+        except Refused as e:
+            last_refusal = e
+            reason = lines_shown(e.message)
+            if not skip_refused:
+                raise Refused(e.status, "%s: refused: %s" % (os.path.basename(f), reason))
+            warn("report: leaving out %s (status %d): %s" % (os.path.basename(f), e.status, reason))
+            left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
     if not captures:
         raise Refused(last_refusal.status if last_refusal else 2, "no capture could be replayed")
     if recording:
