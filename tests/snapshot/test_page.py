@@ -13,6 +13,7 @@ import unittest
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import page_captures as pc  # noqa: E402
 import page  # noqa: E402
+import series  # noqa: E402
 
 REPORT = os.path.join(pc.TOP, "snapshot", "report.py")
 PAIR = os.path.join(pc.TOP, "tests", "data", "pair")
@@ -241,6 +242,15 @@ class Drawing(unittest.TestCase):
         eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
                              "mb_reserved": 210144, "cma_total": 81920})
         self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)
+
+    def test_reboots_and_wall_clock_jumps_are_said(self):
+        caps = [{"file": "<i>a</i>.tar.gz", "time": {"uptime": 100.0, "wall": 5000, "boot_id": "x"}},
+                {"file": "b.tar.gz", "time": {"uptime": 160.0, "wall": 1400, "boot_id": "x"}},
+                {"file": "c.tar.gz", "time": {"uptime": 5.0, "wall": 1500, "boot_id": "y"}}]
+        said = page.recording_events(series.events(caps))
+        self.assertIn('<li class="clock">the wall clock jumped by -3660 s between &lt;i&gt;a&lt;/i&gt; and b', said)
+        self.assertIn('<li class="reboot">the device rebooted between b and c</li>', said)
+        self.assertEqual(page.recording_events({"reboots": [], "wall_clock_jumps": []}), "")
 
 
 if __name__ == "__main__":
