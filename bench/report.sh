@@ -1,25 +1,31 @@
 #!/usr/bin/env bash
 # Benchmark of the report page on a phone-scale recording (not a test; asserts nothing):
-#   bench/report.sh [BINARY]        CAPTURES=60 MAPS_LINES=300 EXTRA_BUFFERS=1000
-# gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers); each process's maps
-# file is cut to its first MAPS_LINES lines (its /dmabuf lines kept), EXTRA_BUFFERS more buffers
-# are exported and held without a mapping (about 3000 in all), and the sample's memory files
-# are added so every report has something to say; as capture.sh does, only the fdinfo files of
-# DMA-BUF descriptors are kept. CAPTURES captures a minute apart follow, each
-# with one more leaked buffer. report.py then makes the page, the JSON and the trace on one
-# core (taskset -c 0); the script prints the time and the sizes.
+#   bench/report.sh [BINARY]        CAPTURES=60 EXTRA_BUFFERS=1000 RUNS=5
+# gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers), which becomes a slim
+# capture as the capture program writes one: each maps file keeps only its /dmabuf lines, each
+# process gets a command line, only the fdinfo files of DMA-BUF descriptors are kept.
+# EXTRA_BUFFERS more buffers are exported and held without a mapping (about 3000 in all), and
+# the sample's memory files are added so every report has something to say. CAPTURES captures a
+# minute apart follow, each with one more leaked buffer.
+# Everything is timed on one core (taskset -c 0). First where one capture's time goes, each
+# part on its own (the fastest of RUNS): the start of a Python process, unpack.py, unpack.py
+# with the three reports, and replay.sh --reports as a whole (the differences are the reports
+# and what replay starts around them). Then report.py makes the page, the JSON and the trace of
+# the whole recording; the script prints its time, split into replays, the page and the rest
+# (parsing the reports, the series, the JSON), the CPU time used, and the sizes.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 binary=$(realpath "${1:-$top/build/default/tool/quarrystat}")
 gen=${GEN_TREE:-$top/build/default/bench/gen_tree}
 count=${CAPTURES:-60}
+runs=${RUNS:-5}
 [ -x "$gen" ] || { echo "report.sh: no $gen (build the default preset)" >&2; exit 2; }
 work=$(mktemp -d /dev/shm/quarry-bench-report.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 "$gen" "$work/tree" 1
-/usr/bin/python3 - "$top" "$work" "$count" "${MAPS_LINES:-300}" "${EXTRA_BUFFERS:-1000}" <<'PY'
+/usr/bin/python3 - "$top" "$work" "$count" "${EXTRA_BUFFERS:-1000}" <<'PY'
 import os, shutil, subprocess, sys
-top, work, count, maps_lines, extra = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), int(sys.argv[5])
+top, work, count, extra = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
 tree = os.path.join(work, "tree")
 sample = os.path.join(top, "sample", "device")
 for f in ("proc/meminfo", "proc/iomem", "proc/debug_ext"):
@@ -29,16 +35,30 @@ for f in ("proc/meminfo", "proc/iomem", "proc/debug_ext"):
     else:
         shutil.copyfile(src, dst)
 shutil.copytree(os.path.join(sample, "sys", "kernel", "debug"), os.path.join(tree, "d"))
+# A capture holds only what the list of capture members names (the sample has more).
+sys.path.insert(0, os.path.join(top, "snapshot"))
+import members  # noqa: E402
+for folder, dirs, names in os.walk(tree):
+    for n in names:
+        path = os.path.join(folder, n)
+        if members.lookup(os.path.relpath(path, tree), False) is None:
+            os.unlink(path)
 pids = sorted(int(p) for p in os.listdir(os.path.join(tree, "proc")) if p.isdigit())
-for pid in pids:
-    path = os.path.join(tree, "proc", str(pid), "maps")
-    with open(path, "rb") as f:
+for n, pid in enumerate(pids):
+    folder = os.path.join(tree, "proc", str(pid))
+    # A slim capture keeps the lines whose name (the sixth column) begins with /dmabuf.
+    with open(os.path.join(folder, "maps"), "rb") as f:
         lines = f.readlines()
-    keep = lines[:maps_lines] + [l for l in lines[maps_lines:] if b"/dmabuf" in l]
-    with open(path, "wb") as f:
-        f.writelines(keep)
-    # capture.sh keeps only the fdinfo files of DMA-BUF descriptors.
-    fdinfo = os.path.join(tree, "proc", str(pid), "fdinfo")
+    with open(os.path.join(folder, "maps"), "wb") as f:
+        f.writelines(l for l in lines if (l.split(None, 5)[5:] or [b""])[0].startswith(b"/dmabuf"))
+    # Command lines as a phone has them: app processes named by their package, services by
+    # their program and arguments.
+    with open(os.path.join(folder, "cmdline"), "wb") as f:
+        if n % 3:
+            f.write(b"com.example.bench.app%d:remote\0" % n)
+        else:
+            f.write(b"/vendor/bin/hw/bench.hal@%d.0-service\0--instance\0default\0" % (n % 7))
+    fdinfo = os.path.join(folder, "fdinfo")
     for fd in os.listdir(fdinfo):
         with open(os.path.join(fdinfo, fd), "rb") as f:
             if b"exp_name:" not in f.read():
@@ -79,13 +99,79 @@ for n in range(count):
     shutil.rmtree(over)
 PY
 rm -rf "$work/tree"
-echo "recording: $count captures, $(du -sh "$work/rec" | cut -f1) compressed"
-start=$(date +%s.%N)
-taskset -c 0 /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/page.html" \
-  --json "$work/page.json" --trace "$work/trace.json" "$work/rec"
-end=$(date +%s.%N)
-awk -v s="$start" -v e="$end" -v n="$count" \
-  'BEGIN { printf "report.py, one core: %.1f s (%.2f s per capture; target 60 s for 60)\n", e - s, (e - s) / n }'
+first=$work/rec/capture-0001.tar.gz
+echo "recording: $count captures, $(du -sh "$work/rec" | cut -f1) compressed;" \
+  "one capture $(stat -c %s "$first") bytes, $(tar -tzf "$first" | wc -l) entries"
+
+# One capture's parts, each on its own, on core 0: the fastest of RUNS runs, by the wall clock
+# and by the CPU time used (the steadier figure on a shared machine). unpack.py makes its tree
+# on a tmpfs of a mount namespace of its own, as replay does.
+mkdir "$work/out" "$work/mnt"
+taskset -c 0 /usr/bin/python3 - "$runs" "$top" "$work" "$first" "$binary" <<'PY'
+import os, resource, subprocess, sys, time
+runs, top, work, first, binary = int(sys.argv[1]), sys.argv[2], sys.argv[3], sys.argv[4], sys.argv[5]
+
+def fastest(cmd):
+    wall = cpu = None
+    for _ in range(runs):
+        before, t = resource.getrusage(resource.RUSAGE_CHILDREN), time.perf_counter()
+        subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+        w, after = time.perf_counter() - t, resource.getrusage(resource.RUSAGE_CHILDREN)
+        c = after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
+        wall, cpu = min(wall or w, w), min(cpu or c, c)
+    return wall, cpu
+
+ns = ["unshare", "-m"] if os.geteuid() == 0 else ["unshare", "-Urm"]
+in_tmpfs = 'mount -t tmpfs quarry-bench "$1" && /usr/bin/python3 "$2" "$3" "$1/tree"'
+parts = [
+    ("Python start-up", ["/usr/bin/python3", "-c", "pass"]),
+    ("unpack.py", ns + ["bash", "-c", in_tmpfs, "x", work + "/mnt", top + "/snapshot/unpack.py", first]),
+    ("unpack.py and the three reports", ns + ["bash", "-c", in_tmpfs + ' && cp "$4" "$1/tree/q" && '
+     'for m in -u -n -s; do chroot "$1/tree" /q $m; done', "x", work + "/mnt", top + "/snapshot/unpack.py", first,
+     binary]),
+    ("replay.sh --reports", [top + "/snapshot/replay.sh", "--reports", work + "/out", first, binary]),
+]
+got = {name: fastest(cmd) for name, cmd in parts}
+print("one capture, fastest of %d runs, wall / CPU:" % runs)
+for name, (w, c) in got.items():
+    print("  %-34s %.3f s / %.3f s" % (name, w, c))
+un, both, whole = got["unpack.py"], got["unpack.py and the three reports"], got["replay.sh --reports"]
+print("  %-34s %.3f s / %.3f s" % ("so the three reports", both[0] - un[0], both[1] - un[1]))
+print("  %-34s %.3f s / %.3f s" % ("and what replay starts around them", whole[0] - both[0], whole[1] - both[1]))
+PY
+
+taskset -c 0 /usr/bin/python3 - "$top" "$binary" "$work" "$count" <<'PY'
+import os, resource, sys, time
+top, binary, work, count = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4])
+start = time.perf_counter()
+sys.path.insert(0, os.path.join(top, "snapshot"))
+import capturefiles, page, report  # noqa: E402
+spent = {"replays": 0.0, "page": 0.0}
+
+def timed(what, call):
+    def run(*args, **kwargs):
+        t = time.perf_counter()
+        try:
+            return call(*args, **kwargs)
+        finally:
+            spent[what] += time.perf_counter() - t
+    return run
+
+capturefiles.replay = timed("replays", capturefiles.replay)
+page.render = timed("page", page.render)
+status = report.main(["--binary", binary, "-o", os.path.join(work, "page.html"), "--json", os.path.join(work, "page.json"),
+                      "--trace", os.path.join(work, "trace.json"), os.path.join(work, "rec")])
+total = time.perf_counter() - start
+if status:
+    sys.exit(status)
+cpu = sum(getattr(resource.getrusage(who), f) for who in (resource.RUSAGE_SELF, resource.RUSAGE_CHILDREN)
+          for f in ("ru_utime", "ru_stime"))
+print("report.py, one core: %.1f s (%.2f s per capture; target 20 s for 60): replays %.1f s, page %.2f s, "
+      "the rest (parsing the reports, series, JSON, writing) %.1f s"
+      % (total, total / count, spent["replays"], spent["page"], total - spent["replays"] - spent["page"]))
+# On a shared machine the core is not all ours: the CPU time used is the steadier figure.
+print("CPU time used (report.py and everything it ran): %.1f s (%.2f s per capture)" % (cpu, cpu / count))
+PY
 for f in page.html page.json trace.json; do
   echo "$f: $(stat -c %s "$work/$f") bytes"
 done

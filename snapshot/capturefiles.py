@@ -65,8 +65,8 @@ def check_binary(binary):
 
 def replay(capture, binary, drop_unsafe=False):
     """The -u, -n and -s reports of a capture, from one unpacking: {mode: Run}, with "replay"
-    for what replay.sh said and "files" for the capture's own files ({name: bytes or None},
-    names as in FILES)."""
+    for what replay.sh said, "files" for the capture's own files ({name: bytes or None},
+    names as in FILES) and "cmdlines" for its processes' command lines ({pid: bytes})."""
     with tempfile.TemporaryDirectory(prefix="quarry-reports.") as out:
         cmd = [os.path.join(HERE, "replay.sh")]
         if drop_unsafe:
@@ -95,7 +95,55 @@ def replay(capture, binary, drop_unsafe=False):
                                                    FILE_LIMIT, name, capture)
             except OSError:
                 runs["files"][name] = None
+        runs["cmdlines"] = read_cmdlines(os.path.join(out, "files", "cmdline.tar"))
         return runs
+
+
+# Of each process's command line (proc/PID/cmdline) the first 4 KiB are read: the kernel hands
+# out no more of it, and a capture keeps no more. Of the archive replay.sh makes of them, 64 MiB
+# are read: a device of a few thousand processes needs a few MB.
+CMDLINE_LIMIT = 4096
+CMDLINES_LIMIT = 64 << 20
+_CMDLINE_MEMBER = re.compile(rb"proc/([0-9]{1,10})/cmdline")
+
+
+def read_cmdlines(path):
+    """{pid: the first CMDLINE_LIMIT bytes of its cmdline} from the archive replay.sh made of the
+    capture's proc/PID/cmdline files (GNU tar, regular files of at most 64 KiB; a long name
+    comes in a member of its own)."""
+    try:
+        with open(path, "rb") as f:
+            data = f.read(CMDLINES_LIMIT)
+    except OSError:
+        return {}
+    out, pos, long_name = {}, 0, None
+    while pos + 512 <= len(data):
+        head = data[pos:pos + 512]
+        pos += 512
+        try:
+            size = int(head[124:136].split(b"\0", 1)[0].strip() or b"0", 8)
+        except ValueError:
+            break
+        body = data[pos:pos + size]
+        pos += -(-size // 512) * 512
+        kind = head[156:157]
+        if kind == b"L":
+            long_name = body.split(b"\0", 1)[0]
+            continue
+        name, long_name = long_name or head[:100].split(b"\0", 1)[0], None
+        m = _CMDLINE_MEMBER.fullmatch(name)
+        if kind in (b"0", b"\0") and m:
+            out[int(m.group(1))] = body[:CMDLINE_LIMIT]
+    return out
+
+
+def split_cmdline(data):
+    """A cmdline file's arguments (NUL-separated, the last one NUL-terminated) as text; None
+    when it holds none (a kernel thread, a process that was exiting)."""
+    args = _text(data).split("\0")
+    while args and args[-1] == "":  # an app that renames itself leaves NULs behind its name
+        args.pop()
+    return args if any(args) else None
 
 
 def parse_info(data):

@@ -35,8 +35,8 @@ table{border-collapse:collapse;margin:.5em 0}td,th{border:1px solid #ccc;padding
 text-align:left}td.n,th.n{text-align:right}th[data-type]{cursor:pointer;background:#f3f3f3}
 th[data-type]:after{content:" \\2195";color:#999}
 tr.changed td{background:#fff3b0}tr.gone td{background:#e6e6e6;text-decoration:line-through}
-td.kernel{font-style:italic;color:#8a2be2}.unsaid{color:#a00}.note{color:#555}
-.bad{color:#a00;font-weight:bold}svg{display:block;margin:.5em 0}
+td.kernel{font-style:italic;color:#8a2be2}.cmdline{font-weight:bold}.unsaid{color:#a00}.note{color:#555}
+.bad{color:#a00;font-weight:bold}#reboots li.reboot{color:#a00;font-weight:bold}svg{display:block;margin:.5em 0}
 .nomap{fill:#d62728}.reserved{fill:#ff7f0e}.cma{fill:#2ca02c}.cmaused{fill:#135e13}
 .initrd{fill:#9467bd}.kcode{fill:#1f77b4}.kdata{fill:#17becf}.memory{fill:#f4f4e8}
 .hole{fill:#555}.changed{stroke:#000;stroke-width:2}.memory-map .changed{stroke-dasharray:none}
@@ -291,13 +291,39 @@ def owners_text(owners):
     return "kernel" if not owners else ", ".join("[%d]%s" % (o["pid"], o["name"]) for o in owners)
 
 
-def subtotal_table(rows, by, title):
+FIRST_ARG = 80  # a longer first argument is cut on the page (the whole line is in its title)
+
+
+def named(key, args):
+    """A holder's key ("[pid]comm") as the page shows it: after the first argument of its
+    command line when the capture has one, the whole line in the title (shown on hover)."""
+    first = next((a for a in args or () if a), "")
+    if not first:
+        return text(key)
+    if len(first) > FIRST_ARG:
+        first = first[:FIRST_ARG] + "\u2026"
+    return '<span class="cmdline" title="%s">%s</span> %s' % (text(" ".join(args)), text(first), text(key))
+
+
+def owners_html(owners, cmdlines):
+    """The holders of a buffer, each named by its command line where the capture has it."""
+    if not owners:
+        return "kernel"
+    return ", ".join(named("[%d]%s" % (o["pid"], o["name"]), cmdlines.get(str(o["pid"]))) for o in owners)
+
+
+def subtotal_table(rows, by, title, cmdlines=None):
     sums = {}
+    lines = {}
     for r in rows:
         if by == "exporter":
             keys = [r["exporter"]]
         elif by == "holder":
-            keys = ["[%d]%s" % (o["pid"], o["name"]) for o in r["owners"]] or ["kernel"]
+            keys = []
+            for o in r["owners"]:
+                keys.append("[%d]%s" % (o["pid"], o["name"]))
+                lines[keys[-1]] = (cmdlines or {}).get(str(o["pid"]))
+            keys = keys or ["kernel"]
         else:
             keys = [r["name"]] if r.get("name") else []
         for k in keys:
@@ -305,7 +331,7 @@ def subtotal_table(rows, by, title):
             sums[k] = (count + 1, size + r["size"])
     if not sums:
         return ""
-    body = "".join("<tr><td>%s</td><td class=n>%d</td><td class=n>%d</td></tr>" % (text(k), c, s // 1024)
+    body = "".join("<tr><td>%s</td><td class=n>%d</td><td class=n>%d</td></tr>" % (named(k, lines.get(k)), c, s // 1024)
                    for k, (c, s) in sorted(sums.items(), key=lambda kv: -kv[1][1]))
     return ('<table class="subtotal"><thead><tr><th data-type="text">%s</th><th class=n data-type="num">Buffers</th>'
             '<th class=n data-type="num">KB</th></tr></thead><tbody>%s</tbody></table>' % (text(title), body))
@@ -315,6 +341,7 @@ def dmabuf_section(capture, ident, marks):
     u = capture["unmapped"]
     if u["state"] != "table":
         return ""
+    cmdlines = capture.get("cmdlines") or {}
     named = any(r.get("name") for r in u["rows"]) or capture["bufinfo"]["present"]
     head = '<th class=n data-type="num">Inode</th>' + ('<th data-type="text">Name</th>' if named else "") + \
         '<th class=n data-type="num">Size (bytes)</th><th data-type="text">Exporter</th><th data-type="text">Owner</th>'
@@ -324,7 +351,7 @@ def dmabuf_section(capture, ident, marks):
         cls = ' class="%s" title="%s"' % mark if mark else ""
         name = "<td>%s</td>" % (text(r["name"]) if r.get("name") else "") if named else ""
         owner = '<td class="kernel" title="held only by the kernel">kernel</td>' if r["kernel"] or not r["owners"] \
-            else "<td>%s</td>" % text(owners_text(r["owners"]))
+            else "<td>%s</td>" % owners_html(r["owners"], cmdlines)
         body.append("<tr%s><td class=n>%d</td>%s<td class=n>%d</td><td>%s</td>%s</tr>" % (
             cls, r["inode"], name, r["size"], text(r["exporter"]), owner))
     out = ['<p>Unmapped total: %s, %d buffers. <span class="note">Click a column header to sort.</span></p>' % (
@@ -332,7 +359,8 @@ def dmabuf_section(capture, ident, marks):
     out.append('<table class="dmabuf" id="dmabuf-%s"><thead><tr>%s</tr></thead><tbody>%s</tbody></table>' % (
         ident, head, "".join(body)))
     out.append('<div class="subtotals">%s%s%s</div>' % (
-        subtotal_table(u["rows"], "exporter", "Exporter"), subtotal_table(u["rows"], "holder", "Holding process"),
+        subtotal_table(u["rows"], "exporter", "Exporter"),
+        subtotal_table(u["rows"], "holder", "Holding process", cmdlines),
         subtotal_table(u["rows"], "name", "Buffer name") if named else ""))
     return "".join(out)
 
@@ -365,7 +393,7 @@ def capture_sections(capture, ident, marks=None):
     return "".join(h)
 
 
-def facts_section(f):
+def facts_section(f, before_lines=None, after_lines=None):
     out = ["<h2>What changed</h2>"]
     if f["missing"]:
         out.append('<ul class="unsaid">%s</ul>' % "".join(
@@ -377,8 +405,8 @@ def facts_section(f):
             r = b["after"] or b["before"]
             rows.append("<tr><td>%s</td><td class=n>%d</td><td class=n>%d</td><td>%s</td><td>%s</td><td>%s</td></tr>" % (
                 text(b["change"]), b["inode"], r["size"], text(r["exporter"]),
-                text(owners_text(b["before"]["owners"])) if b["before"] else "",
-                text(owners_text(b["after"]["owners"])) if b["after"] else ""))
+                owners_html(b["before"]["owners"], before_lines or {}) if b["before"] else "",
+                owners_html(b["after"]["owners"], after_lines or {}) if b["after"] else ""))
         out.append('<table id="facts-buffers"><thead><tr><th>Change</th><th class=n>Inode</th><th class=n>Size</th>'
                    '<th>Exporter</th><th>Holders before</th><th>Holders after</th></tr></thead><tbody>%s</tbody></table>'
                    % "".join(rows))
@@ -467,7 +495,7 @@ def pair_sections(doc, before_marks, after_marks):
     """The page of two captures: what changed, then each section once where both captures say
     the same, and before above after where they differ (element ids made unique by side)."""
     caps, f = doc["captures"], doc["facts"]
-    h = [_board_note(doc), facts_section(f)]
+    h = [_board_note(doc), facts_section(f, caps[0].get("cmdlines"), caps[1].get("cmdlines"))]
     for c in caps:
         info = c["info"]
         h.append('<p class="note">%s: model %s, build %s, kernel %s, %s</p>' % (
@@ -512,8 +540,10 @@ def pair_sections(doc, before_marks, after_marks):
     return "".join(h)
 
 
-def chart(ident, title, xs, lines):
-    """A timeline: lines is [(label, values)], values None where a capture could not say."""
+def chart(ident, title, xs, lines, breaks=()):
+    """A timeline: lines is [(label, values)], values None where a capture could not say;
+    breaks are the indexes of the first capture after each reboot: no line runs across one,
+    and a dashed mark stands there. xs never decrease (series.elapsed)."""
     w, h, left, bottom = MAP_WIDTH, 160, 70, 20
     values = [v for _, vs in lines for v in vs if v is not None]
     if not values or not xs:
@@ -534,12 +564,18 @@ def chart(ident, title, xs, lines):
            '<text x="%d" y="%d" font-size="11" text-anchor="end">%d KB</text>' % (left - 4, h - bottom, lo),
            '<text x="%d" y="%d" font-size="11">0 s</text>' % (left, h - 4),
            '<text x="%d" y="%d" font-size="11" text-anchor="end">%.0f s</text>' % (w - 10, h - 4, x1 - x0)]
+    for b in breaks:
+        x = px((xs[b - 1] + xs[b]) / 2)
+        out.append('<path class="reboot" d="M%.1f 8 V%d" stroke="#a00" stroke-dasharray="4 3" fill="none">'
+                   '<title>reboot</title></path><text x="%.1f" y="%d" font-size="11" fill="#a00">reboot</text>' % (
+                       x, h - bottom, x + 3, 20))
     legend = []
     for i, (label, vs) in enumerate(lines):
         d, pen = [], "M"
-        for x, v in zip(xs, vs):
-            if v is None:
+        for k, (x, v) in enumerate(zip(xs, vs)):
+            if v is None or k in breaks:
                 pen = "M"
+            if v is None:
                 continue
             d.append("%s%.1f %.1f" % (pen, px(x), py(v)))
             pen = "L"
@@ -553,36 +589,66 @@ def chart(ident, title, xs, lines):
     return "".join(out)
 
 
+def recording_events(doc):
+    """Where the device rebooted and where its wall clock was set: during a leak a reboot is
+    itself news."""
+    items = [(r["text"], "reboot") for r in doc.get("reboots", [])] + \
+        [(j["text"], "clock") for j in doc.get("wall_clock_jumps", [])]
+    if not items:
+        return ""
+    return '<ul id="reboots">%s</ul>' % "".join('<li class="%s">%s</li>' % (c, text(t)) for t, c in items)
+
+
 def recording_sections(doc):
     s, sus, caps = doc["series"], doc["suspects"], doc["captures"]
     out = ["<h2>Suspects</h2>"]
+    within = sus["within"]
+    if within["boot"] > 1:
+        out.append('<p class="note" id="within-boot">Suspects and growth are computed within the last boot only, '
+                   'from %s to %s: a buffer or a process of an earlier boot is not the one of the same number '
+                   'after a reboot (%s). The JSON gives the growth of each boot.</p>' % (
+                       text(caps[within["first"]]["file"]), text(caps[within["last"]]["file"]),
+                       text("; ".join(r["text"] for r in doc.get("reboots", [])))))
+    last_lines = caps[-1].get("cmdlines") or {}
     if sus["buffers"]:
         out.append('<ul id="suspects">%s</ul>' % "".join(
             "<li>buffer %d%s, %d bytes, exporter %s, held by %s: unmapped in every capture since capture %d (%s)</li>" % (
                 b["inode"], " (%s)" % text(b["name"]) if b["name"] else "", b["size"], text(b["exporter"]),
-                text(owners_text(b["owners"])), b["since"]["index"] + 1, text(_when(caps[b["since"]["index"]]["time"])))
+                owners_html(b["owners"], last_lines), b["since"]["index"] + 1,
+                text(_when(caps[b["since"]["index"]]["time"])))
             for b in sus["buffers"]))
     else:
         out.append('<p id="suspects">No buffer became unmapped and stayed so.</p>')
+    holders = s.get("holders", {})
+
+    def key_html(g):
+        if g["by"] == "holder" and g["key"] in holders:
+            return named(g["key"], holders[g["key"]]["cmdline"])
+        return text(g["key"])
     if sus["growth"]:
         out.append('<table id="growth"><thead><tr><th>Grouped by</th><th>Key</th><th class=n>First KB</th>'
                    '<th class=n>Last KB</th><th class=n>KB per minute</th><th class=n>Buffers</th></tr></thead>'
                    '<tbody>%s</tbody></table>' % "".join(
                        "<tr><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+.1f</td>"
                        "<td class=n>%s</td></tr>" % (
-                           text(g["by"]), text(g["key"]), g["first_kb"], g["last_kb"], g["kb_per_minute"],
+                           text(g["by"]), key_html(g), g["first_kb"], g["last_kb"], g["kb_per_minute"],
                            "%d &rarr; %d" % (g["first_count"], g["last_count"]) if "first_count" in g else "")
                        for g in sus["growth"]))
     else:
         out.append("<p>No exporter, holder or buffer name holds more unmapped bytes at the end than at the start.</p>")
     xs = s["elapsed_s"] or list(range(len(caps)))
+    breaks = [r["index"] for r in doc.get("reboots", [])]
     out.append("<h2>Timelines</h2>")
     if s["elapsed_s"] is None:
         out.append('<p class="unsaid">The captures carry no time: drawn one step per capture.</p>')
-    out.append(chart("timeline-unmapped", "Unmapped DMA-BUF total", xs, [("total", s["unmapped_kb"])]))
-    out.append(chart("timeline-exporters", "Unmapped DMA-BUF per exporter", xs, sorted(s["by_exporter"].items())))
+    elif breaks:
+        out.append('<p class="note">Time runs on each boot\'s own clock; between two boots the time is the wall '
+                   'clock\'s (none when it went back). No line runs across a reboot.</p>')
+    out.append(chart("timeline-unmapped", "Unmapped DMA-BUF total", xs, [("total", s["unmapped_kb"])], breaks))
+    out.append(chart("timeline-exporters", "Unmapped DMA-BUF per exporter", xs, sorted(s["by_exporter"].items()),
+                     breaks))
     for i, (name, values) in enumerate(s["counters"].items()):
-        out.append(chart("timeline-counter-%d" % i, name, xs, [(name, values)]))
+        out.append(chart("timeline-counter-%d" % i, name, xs, [(name, values)], breaks))
     return "".join(out)
 
 
@@ -625,6 +691,7 @@ def render(doc):
                 after_marks[b["inode"]] = ("changed", text(b["change"]))
         h.append(pair_sections(doc, before_marks, after_marks))
     elif kind == "recording":
+        h.append(recording_events(doc))
         h.append(recording_sections(doc))
         h.append(unsaid_overview(doc))
         h.append("<h2>Last capture</h2>" + capture_sections(caps[-1], "last"))

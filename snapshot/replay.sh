@@ -7,7 +7,8 @@
 # for each (MODE u, n, s); it ends with 0 when all three ran, whatever their own statuses. It
 # also copies out the few files of the capture that no report prints, when the capture holds
 # them as regular files (at most 16 MiB each): OUTDIR/files/capture-info (the capture's
-# metadata), files/d/memblock/memory and files/d/dma_buf/bufinfo.
+# metadata), files/d/memblock/memory and files/d/dma_buf/bufinfo, and the processes' command
+# lines as files/cmdline.tar (members proc/PID/cmdline).
 # An arm64 binary runs under user-mode emulation (qemu-aarch64-static) on any other host.
 #
 # A capture may come from anyone's device. It is unpacked by unpack.py, which keeps only what
@@ -111,6 +112,16 @@ for f in capture-info d/memblock/memory d/dma_buf/bufinfo; do
     cp "$tree/$f" "$reports/files/$f"
   fi
 done
+# Each process's command line (the page names holders by it; no report reads it): its regular
+# files of at most 64 KiB, in one archive, OUTDIR/files/cmdline.tar (a capture holds one a
+# process: a thousand files made one by one would cost more than the reports). find follows no
+# link, so each name runs through folders of the capture only.
+if [ -d "$tree/proc" ] && [ ! -L "$tree/proc" ]; then
+  mkdir -p "$reports/files"
+  (cd "$tree" && find proc -mindepth 2 -maxdepth 2 -path 'proc/[0-9]*/cmdline' -type f \
+    -size -65k -print0 | tar -c --null --verbatim-files-from --no-recursion -T - \
+    -f "$reports/files/cmdline.tar")
+fi
 # The three reports run on the one tree, each bounded on its own.
 status=0
 QUARRY_RUN_SECONDS=$seconds timeout -k 5 $((4 * seconds)) "${limit[@]}" \

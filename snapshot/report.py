@@ -80,6 +80,17 @@ def unhosted(text, capture):
 memory_ranges = capturefiles.memory_ranges
 
 
+def _cleaned(doc):
+    """The document with device text made valid UTF-8 (clean()); a walk of every value only
+    when some text needs it, which is rare: a recording's document holds hundreds of
+    thousands of values."""
+    try:
+        json.dumps(doc, ensure_ascii=False, separators=(",", ":")).encode("utf-8")
+        return doc
+    except UnicodeEncodeError:
+        return _clean_tree(doc)
+
+
 def _clean_tree(value):
     if isinstance(value, str):
         return clean(value)
@@ -123,6 +134,13 @@ def _entry(path, runs, parsed):
     u = parsed["u"]
     for row in u["rows"]:
         row["name"] = names["names"].get(row["inode"])
+    # The holders' command lines: on Android comm is cut to 15 characters, and an app's
+    # process is named by its package only in its command line.
+    cmdlines = {}
+    for pid in sorted({o["pid"] for row in u["rows"] for o in row["owners"]}):
+        args = capturefiles.split_cmdline(runs["cmdlines"][pid]) if pid in runs["cmdlines"] else None
+        if args:
+            cmdlines[str(pid)] = args
     entry = {
         "file": os.path.basename(path),
         "info": info,
@@ -134,6 +152,7 @@ def _entry(path, runs, parsed):
         "reserved": parsed["s"],
         "kmem": parsed["n"],
         "unmapped": u,
+        "cmdlines": cmdlines,
         "bufinfo": {"present": table is not None, "problems": names["problems"]},
     }
     entry["unsaid"] = unsaid(entry)
@@ -252,6 +271,7 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
     if recording and len(captures) >= 2:
         doc["kind"] = "recording"
         doc["series"] = series.build(captures)
+        doc.update(series.events(captures))
         doc["suspects"] = series.suspects(captures, doc["series"])
     elif len(captures) == 2:
         doc["kind"] = "pair"
@@ -259,7 +279,7 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
                   "memory": c["memory"]} for c in captures]
         doc["facts"] = facts.compare(sides[0], sides[1])
         doc["board"] = pair_board
-    return _clean_tree(doc)
+    return _cleaned(doc)
 
 
 def check_destinations(paths):

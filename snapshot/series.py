@@ -26,32 +26,135 @@ def capture_time(info):
             "boot_id": info.get("boot_id") or None}
 
 
+# Two clocks read at nearly the same moment drift apart by a second or two between captures
+# (capture-info holds whole wall seconds); more than this within one boot means the wall clock
+# was set.
+WALL_SLACK_S = 10
+
+
+def stem(name):
+    """A capture's name as the page says it: its file name without .tar.gz."""
+    return name[:-len(".tar.gz")] if name.endswith(".tar.gz") else name
+
+
 def time_order(entries):
-    """entries: [(name, time)]; returns the indexes in time order. The boot clock orders
-    captures of one boot; names break ties and order captures that carry no time."""
-    def key(i):
-        name, t = entries[i]
-        up = t.get("uptime")
-        return (up is None, up if up is not None else 0.0, name)
-    return sorted(range(len(entries)), key=key)
+    """entries: [(name, time)]; returns the indexes in time order.
+
+    The boot clock orders the captures of one boot (a wall clock that was set meanwhile does
+    not reorder them), and the boots follow each other in wall-clock order: each boot is placed
+    by the wall clock of its earliest capture. Captures without a boot clock (older captures,
+    without capture-info) keep their names' order, after the others."""
+    boots = {}
+    untimed = []
+    for i, (name, t) in enumerate(entries):
+        if t.get("uptime") is None:
+            untimed.append(i)
+        else:
+            boots.setdefault(t.get("boot_id"), []).append(i)
+
+    def within(i):
+        return (entries[i][1]["uptime"], entries[i][0])
+    for members in boots.values():
+        members.sort(key=within)
+
+    def placed(members):
+        first_name, first = entries[members[0]]
+        wall = first.get("wall")
+        return (wall is None, wall if wall is not None else 0, first_name)
+    order = [i for members in sorted(boots.values(), key=placed) for i in members]
+    return order + sorted(untimed, key=lambda i: entries[i][0])
+
+
+def boot_numbers(captures):
+    """The boot of each capture (1, 2, ...), captures in time order. A new boot begins where the
+    boot id changes; a capture that names no boot id stays in the boot before it (nothing says
+    the device rebooted)."""
+    out, current, number = [], None, 1
+    for c in captures:
+        boot = c["time"].get("boot_id")
+        if boot is not None:
+            if current is not None and boot != current:
+                number += 1
+            current = boot
+        out.append(number)
+    return out
+
+
+def boot_spans(numbers):
+    """[(first, last)] capture indexes of each boot, from boot_numbers()."""
+    spans = []
+    for i, b in enumerate(numbers):
+        if len(spans) < b:
+            spans.append([i, i])
+        spans[b - 1][1] = i
+    return [tuple(s) for s in spans]
+
+
+def _wall_gap(a, b):
+    """Wall-clock seconds from capture time a to b, or None when either lacks a wall clock."""
+    if a.get("wall") is None or b.get("wall") is None:
+        return None
+    return b["wall"] - a["wall"]
+
+
+def events(captures):
+    """Where the device rebooted and where its wall clock jumped within one boot, captures in
+    time order: ({"reboots": [...], "wall_clock_jumps": [...]}), each item naming the two
+    captures it lies between and saying so in words."""
+    numbers = boot_numbers(captures)
+    reboots, jumps = [], []
+    for i in range(1, len(captures)):
+        a, b = captures[i - 1], captures[i]
+        names = (stem(a["file"]), stem(b["file"]))
+        ta, tb = a["time"], b["time"]
+        if numbers[i] != numbers[i - 1]:
+            reboots.append({"after": a["file"], "before": b["file"], "index": i,
+                            "boot_ids": [ta.get("boot_id"), tb.get("boot_id")],
+                            "text": "the device rebooted between %s and %s" % names})
+            continue
+        gap = _wall_gap(ta, tb)
+        if gap is None or ta.get("uptime") is None or tb.get("uptime") is None:
+            continue
+        jump = gap - (tb["uptime"] - ta["uptime"])
+        if abs(jump) > WALL_SLACK_S:
+            jumps.append({"after": a["file"], "before": b["file"], "index": i, "jump_s": round(jump),
+                          "text": "the wall clock jumped by %+d s between %s and %s (it was set; "
+                                  "the boot clock orders the captures)" % ((round(jump),) + names)})
+    return {"reboots": reboots, "wall_clock_jumps": jumps}
 
 
 def elapsed(captures):
     """Seconds since the first capture, per capture, or None when the captures do not say.
 
-    The boot clock is the one to use (it never jumps), but it restarts with a reboot, so a
-    recording that spans two boots falls back on the wall clock."""
+    Within a boot the boot clock counts (it never jumps); a reboot restarts it, so each boot
+    continues where the one before ended, after the wall-clock time between them when that is
+    known and not negative (else at once). The result never decreases."""
     times = [c["time"] for c in captures]
-    boots = {t["boot_id"] for t in times if t["boot_id"]}
-    if all(t["uptime"] is not None for t in times) and len(boots) <= 1:
-        return [t["uptime"] - times[0]["uptime"] for t in times]
-    if all(t["wall"] is not None for t in times):
-        return [float(t["wall"] - times[0]["wall"]) for t in times]
-    return None
+    if not times or any(t["uptime"] is None for t in times):
+        return None
+    numbers = boot_numbers(captures)
+    out, offset = [], 0.0
+    for i, t in enumerate(times):
+        if i and numbers[i] != numbers[i - 1]:
+            gap = _wall_gap(times[i - 1], t)
+            offset = out[-1] + (gap if gap is not None and gap > 0 else 0) - t["uptime"]
+        elif i == 0:
+            offset = -t["uptime"]
+        # A capture without a boot id that sorted among another boot's is not drawn back in time.
+        out.append(max(t["uptime"] + offset, out[-1] if out else 0.0))
+    return out
 
 
-def holder_key(owner):
-    return "[%d]%s" % (owner["pid"], owner["name"])
+def holder_key(owner, boot=None):
+    """A holder's key in the series: "[pid]comm", followed by " (boot N)" in a recording of
+    several boots, where one pid names two different processes."""
+    key = "[%d]%s" % (owner["pid"], owner["name"])
+    return key if boot is None else "%s (boot %d)" % (key, boot)
+
+
+def cmdline_of(capture, pid):
+    """The command line (a list of arguments) the capture holds for pid, or None."""
+    return (capture.get("cmdlines") or {}).get(str(pid))
 
 
 def _table(capture):
@@ -59,7 +162,7 @@ def _table(capture):
     return u if u is not None and u["state"] == "table" else None
 
 
-def _grouped(table, by):
+def _grouped(table, by, boot):
     """Unmapped bytes per key of one capture's -u table. A buffer with several holders counts
     in full for each of them: each one alone keeps it alive."""
     sums = {}
@@ -67,7 +170,7 @@ def _grouped(table, by):
         if by == "exporter":
             keys = [row["exporter"]]
         elif by == "holder":
-            keys = [holder_key(o) for o in row["owners"]] or ["kernel"]
+            keys = [holder_key(o, boot) for o in row["owners"]] or ["kernel"]
         else:
             keys = [row["name"]] if row.get("name") else []
         for k in keys:
@@ -84,16 +187,42 @@ def _named_counts(table):
 
 
 def build(captures):
-    """The series of a recording: per capture, None where the capture cannot say."""
+    """The series of a recording: per capture, None where the capture cannot say. A holder is a
+    process of one boot: in a recording of several boots its key names the boot, and its
+    series is None in the others."""
     tables = [_table(c) for c in captures]
+    numbers = boot_numbers(captures)
+    spans = boot_spans(numbers)
+    several = len(spans) > 1
     out = {"elapsed_s": elapsed(captures),
            "uptime": [c["time"]["uptime"] for c in captures],
+           "boot": numbers,
+           "boots": [{"boot": b + 1, "boot_id": captures[first]["time"].get("boot_id"),
+                      "first": first, "last": last} for b, (first, last) in enumerate(spans)],
            "unmapped_kb": [t["total_kb"] if t else None for t in tables]}
     for by in ("exporter", "holder", "name"):
-        per = [_grouped(t, by) if t else None for t in tables]
+        per = [_grouped(t, by, numbers[i] if several else None) if t else None
+               for i, t in enumerate(tables)]
         keys = sorted({k for p in per if p for k in p})
         out["by_" + by] = {k: [(p.get(k, 0) // 1024 if p is not None else None) for p in per]
                            for k in keys}
+    if several:
+        # A process exists in its own boot only ("kernel" holds buffers in every boot).
+        boot_of = {k: numbers[i] for i, t in enumerate(tables) if t
+                   for k in _grouped(t, "holder", numbers[i]) if k != "kernel"}
+        for key, boot in boot_of.items():
+            out["by_holder"][key] = [v if numbers[i] == boot else None
+                                     for i, v in enumerate(out["by_holder"][key])]
+    # Each holder's command line, from the last capture that has one.
+    holders = {}
+    for i, t in enumerate(tables):
+        for row in t["rows"] if t else ():
+            for o in row["owners"]:
+                line = cmdline_of(captures[i], o["pid"])
+                if line:
+                    holders[holder_key(o, numbers[i] if several else None)] = {
+                        "pid": o["pid"], "comm": o["name"], "cmdline": line}
+    out["holders"] = holders
     # How many unmapped buffers carry each name: a leak shows as ever more of one name.
     counts = [_named_counts(t) if t else None for t in tables]
     out["count_by_name"] = {k: [(c.get(k, 0) if c is not None else None) for c in counts]
@@ -114,43 +243,58 @@ def build(captures):
     return out
 
 
+def _growth(series, first, last):
+    """Exporters, holders and names whose unmapped bytes grew from capture first to last."""
+    growth = []
+    elapsed_s = series["elapsed_s"]
+    if elapsed_s is None:
+        return growth
+    for by in ("exporter", "holder", "name"):
+        for key, values in series["by_" + by].items():
+            known = [(i, v) for i, v in enumerate(values[first:last + 1], first) if v is not None]
+            if len(known) < 2:
+                continue
+            (i0, first_kb), (i1, last_kb) = known[0], known[-1]
+            minutes = (elapsed_s[i1] - elapsed_s[i0]) / 60.0
+            if last_kb > first_kb and minutes > 0:
+                grew = {"by": by, "key": key, "first_kb": first_kb, "last_kb": last_kb,
+                        "kb_per_minute": round((last_kb - first_kb) / minutes, 3)}
+                if by == "name":
+                    counts = series["count_by_name"][key]
+                    grew["first_count"], grew["last_count"] = counts[i0], counts[i1]
+                growth.append(grew)
+    growth.sort(key=lambda g: -g["kb_per_minute"])
+    return growth
+
+
 def suspects(captures, series):
-    """Buffers unmapped in every capture from some moment on (not from the first capture: those
-    were unmapped before the recording began and say nothing about it), over at least two
-    captures; and exporters, holders and names whose unmapped bytes grew across the recording."""
+    """Within the last boot (a buffer or a process of an earlier one is not the same as one of
+    the last, whatever its number): buffers unmapped in every capture from some moment on (not
+    from the boot's first capture: those were unmapped before it and say nothing about when),
+    over at least two captures; and exporters, holders and names whose unmapped bytes grew
+    across it. The growth of every boot is given too, boot by boot."""
     n = len(captures)
     tables = [_table(c) for c in captures]
+    spans = boot_spans(series["boot"]) if captures else [(0, -1)]
+    first = spans[-1][0]
     buffers = []
     inodes = [{r["inode"] for r in t["rows"]} if t is not None else None for t in tables]
     last = tables[-1] if tables else None
     if last is not None:
         for row in last["rows"]:
             k = n - 1
-            while k > 0 and inodes[k - 1] is not None and row["inode"] in inodes[k - 1]:
+            while k > first and inodes[k - 1] is not None and row["inode"] in inodes[k - 1]:
                 k -= 1
-            if k >= 1 and n - k >= 2:
+            if k > first and n - k >= 2:
                 buffers.append({"inode": row["inode"], "exporter": row["exporter"],
                                 "owners": row["owners"], "name": row.get("name"),
                                 "size": row["size"],
                                 "since": {"index": k, "uptime": captures[k]["time"]["uptime"]}})
-    growth = []
-    elapsed_s = series["elapsed_s"]
-    for by in ("exporter", "holder", "name"):
-        for key, values in series["by_" + by].items():
-            known = [(i, v) for i, v in enumerate(values) if v is not None]
-            if len(known) < 2 or elapsed_s is None:
-                continue
-            (i0, first), (i1, last_kb) = known[0], known[-1]
-            minutes = (elapsed_s[i1] - elapsed_s[i0]) / 60.0
-            if last_kb > first and minutes > 0:
-                grew = {"by": by, "key": key, "first_kb": first, "last_kb": last_kb,
-                        "kb_per_minute": round((last_kb - first) / minutes, 3)}
-                if by == "name":
-                    counts = series["count_by_name"][key]
-                    grew["first_count"], grew["last_count"] = counts[i0], counts[i1]
-                growth.append(grew)
-    growth.sort(key=lambda g: -g["kb_per_minute"])
-    return {"buffers": buffers, "growth": growth}
+    by_boot = [{"boot": b + 1, "first": f, "last": z, "growth": _growth(series, f, z)}
+               for b, (f, z) in enumerate(spans)]
+    return {"within": {"boot": len(spans), "first": first, "last": n - 1},
+            "buffers": buffers, "growth": by_boot[-1]["growth"] if by_boot else [],
+            "growth_by_boot": by_boot}
 
 
 def trace(captures, series):
@@ -159,14 +303,18 @@ def trace(captures, series):
     uptimes = series["uptime"]
     if any(u is None for u in uptimes):
         raise ValueError("a capture carries no boot clock time (an older capture)")
-    pid = 1
-    events = [{"name": "process_name", "ph": "M", "pid": pid, "tid": 0,
-               "args": {"name": "quarrystat recording"}}]
+    # The boot clock starts again with each boot: each boot is a process of its own, so that
+    # no track runs back in time.
+    boots = series["boots"]
+    events = [{"name": "process_name", "ph": "M", "pid": b["boot"], "tid": 0,
+               "args": {"name": "quarrystat recording" if len(boots) == 1 else
+                        "quarrystat recording, boot %d (%s)" % (b["boot"], b["boot_id"] or "no boot id")}}
+              for b in boots]
 
     def track(name, values):
-        for up, v in zip(uptimes, values):
+        for up, boot, v in zip(uptimes, series["boot"], values):
             if v is not None:
-                events.append({"name": name, "ph": "C", "ts": round(up * 1e6), "pid": pid,
+                events.append({"name": name, "ph": "C", "ts": round(up * 1e6), "pid": boot,
                                "args": {"KB": v}})
 
     track("unmapped DMA-BUF total", series["unmapped_kb"])

@@ -1,13 +1,14 @@
 // Opens report pages from file:// in the installed chromium, with the network refused, and
 // checks what a person would see: nothing leaves the page, no script error or dialog, the
-// memory map to scale, the DMA-BUF table sorting on a click, a recording's suspects, and a pair
-// of two builds: both maps on one scale, before above after, the changed regions labelled.
-//   node check_page.js CAPTURE.html RECORDING.html HOSTILE.html SCREENSHOT.png BUILDS.html
+// memory map to scale, the DMA-BUF table sorting on a click, a recording's suspects and its
+// holders named by command line, a pair of two builds (both maps on one scale, before above
+// after, the changed regions labelled) and a recording across a reboot.
+//   node check_page.js CAPTURE.html RECORDING.html HOSTILE.html SCREENSHOT.png BUILDS.html REBOOTED.html
 'use strict';
 const path = require('path');
 const puppeteer = require('puppeteer-core');
 
-const [capturePage, recordingPage, hostilePage, screenshot, buildsPage] = process.argv.slice(2);
+const [capturePage, recordingPage, hostilePage, screenshot, buildsPage, rebootedPage] = process.argv.slice(2);
 const browserPath = process.env.CHROMIUM || '/usr/bin/chromium';
 const failures = [];
 const fail = (what) => { failures.push(what); console.log('FAIL ' + what); };
@@ -72,18 +73,33 @@ async function checkCapture(page) {
 async function checkHostile(page) {
   // Device text shows as text: the hostile process names are on the page as characters.
   const shown = await page.evaluate(() => document.body.innerText);
-  for (const name of ['<script>alert(1)</script>', '"><img src=x onerror=alert(2)>']) {
+  for (const name of ['<script>alert(1)</script>', '"><img src=x onerror=alert(2)>', '<img src=x onerror=alert(4)>']) {
     if (!shown.includes(name)) fail('the process name ' + name + ' is not shown as text');
   }
+  const titles = await page.$$eval('.cmdline', (spans) => spans.map((e) => e.title));
+  if (!titles.includes('<img src=x onerror=alert(4)> "><b>x</b>')) fail('command line titles: ' + JSON.stringify(titles));
   const injected = await page.evaluate(() => document.querySelectorAll('img, script:not(:last-of-type)').length);
   if (injected) fail(injected + ' element(s) made from device text');
 }
 
 async function checkRecording(page) {
   const text = await page.$eval('#suspects', (e) => e.textContent);
-  if (!/buffer 6 \(G:screenshot\)/.test(text) || !text.includes('[69]')) fail('suspects: ' + text);
+  if (!/buffer 6 \(G:screenshot\)/.test(text) || !text.includes('com.example.gallery [69]')) fail('suspects: ' + text);
+  const title = await page.$eval('#suspects .cmdline', (e) => e.title);
+  if (title !== 'com.example.gallery --mode=preview') fail('the holder\'s whole command line on hover: ' + title);
   const growth = await page.$$eval('#growth tbody tr', (rows) => rows.map((r) => r.textContent));
   if (!growth.some((t) => t.includes('leaky'))) fail('growth does not name the exporter leaky: ' + growth);
+}
+
+async function checkRebooted(page) {
+  const said = await page.$eval('#reboots', (e) => e.textContent);
+  if (!said.includes('rebooted between capture-0003 and capture-0004')) fail('the reboot is not named: ' + said);
+  if (!(await page.$('#within-boot'))) fail('the suspects do not say they are of the last boot');
+  // Every line and mark of a timeline lies right of its axis (drawn at x = 70).
+  const left = await page.$$eval('svg.timeline path', (paths) => paths.map((p) => p.getBBox().x).filter((x) => x < 70));
+  if (left.length) fail('timeline drawn left of the axis: ' + left);
+  const marks = await page.$$eval('svg.timeline path.reboot', (p) => p.length);
+  if (!marks) fail('no reboot mark on the timelines');
 }
 
 // The lab's build-over-build pair (tests/data/builds): what changed between the two builds.
@@ -172,6 +188,7 @@ async function checkBuilds(page) {
     const rec = await open(browser, recordingPage, escapes);
     await checkRecording(rec);
     if (buildsPage) await checkBuilds(await open(browser, buildsPage, escapes));
+    if (rebootedPage) await checkRebooted(await open(browser, rebootedPage, escapes));
   } catch (e) {
     fail('browser: ' + e.message);
   } finally {

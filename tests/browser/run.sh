@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The page in a real browser: builds a capture, a hostile capture and a recording from the
-# sample tree, makes their pages and that of the lab's build-over-build pair with report.py and
-# checks them in the installed chromium (check_page.js), with the network refused. Needs `scripts/setup.sh browser` first (else it
+# The page in a real browser: builds a capture, a hostile capture, a recording and a recording
+# across a reboot from the sample tree, makes their pages and that of the lab's build-over-build
+# pair with report.py and checks them in the installed chromium (check_page.js), with the network
+# refused. Needs `scripts/setup.sh browser` first (else it
 # exits 77: skipped).
 #   tests/browser/run.sh BINARY [SCREENSHOT.png]
 set -euo pipefail
@@ -25,15 +26,20 @@ files["d/dma_buf/bufinfo"] = pc.bufinfo_table([(1048576, "system", 1, "lab-named
 pc.write_capture(os.path.join(work, "capture.tar.gz"), files, pc.info(8123.45))
 files["proc/68/comm"] = b"<script>alert(1)</script>\n"
 files["proc/69/comm"] = b'"><img src=x onerror=alert(2)>\n'
+files["proc/68/cmdline"] = b'<img src=x onerror=alert(4)>\0"><b>x</b>\0'
 pc.write_capture(os.path.join(work, "hostile.tar.gz"), files, pc.info(8200))
-pc.recording(os.path.join(work, "recording"))
+lines = {69: b"com.example.gallery\0--mode=preview\0"}
+pc.recording(os.path.join(work, "recording"), cmdlines=lines)
+pc.recording(os.path.join(work, "rebooted"), reboot_at=3, cmdlines=lines)
 PY
 for p in capture hostile; do
   /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/$p.html" "$work/$p.tar.gz"
 done
-/usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/recording.html" "$work/recording"
+for p in recording rebooted; do
+  /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/$p.html" "$work/$p"
+done
 /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/builds.html" \
   "$top/tests/data/builds/build1.tar.gz" "$top/tests/data/builds/build2.tar.gz"
 cd "$here"
 timeout -k 5 150 node check_page.js "$work/capture.html" "$work/recording.html" "$work/hostile.html" "$shot" \
-  "$work/builds.html"
+  "$work/builds.html" "$work/rebooted.html"

@@ -79,10 +79,13 @@ def add_buffer(files, inode, size, exporter, pid, fd):
         % (inode, size, exporter)).encode()
 
 
-def recording(folder, count=5):
+def recording(folder, count=5, reboot_at=None, cmdlines=None):
     """A recording of count captures, 60 s apart: buffer 6 (held by pid 69) stops being mapped
     from the third capture on and stays so; exporter "leaky" holds one short-lived buffer per
-    capture, 64 KB larger each time, so its unmapped bytes grow while no leaky buffer lasts."""
+    capture, 64 KB larger each time, so its unmapped bytes grow while no leaky buffer lasts.
+    With reboot_at, the device reboots before that capture: the boot id changes and the boot
+    clock starts again near 0 (the wall clock goes on). cmdlines: {pid: bytes} for every
+    capture."""
     os.makedirs(folder, exist_ok=True)
     base = sample_files()
     names = []
@@ -96,8 +99,12 @@ def recording(folder, count=5):
         add_buffer(files, 200 + i, 65536 * (i + 1), "leaky", 68, 20 + i)
         files["d/dma_buf/bufinfo"] = bufinfo_table(
             [(524288, "system", 6, "G:screenshot"), (65536 * (i + 1), "leaky", 200 + i, None)])
-        names.append(write_capture(os.path.join(folder, "capture-%04d.tar.gz" % (i + 1)), files,
-                                   info(1000 + 60 * i)))
+        for pid, line in (cmdlines or {}).items():
+            files["proc/%d/cmdline" % pid] = line
+        when = info(1000 + 60 * i)
+        if reboot_at is not None and i >= reboot_at:
+            when = info(20 + 60 * (i - reboot_at), wall=1764000000 + 1000 + 60 * reboot_at + 40, boot="b-2")
+        names.append(write_capture(os.path.join(folder, "capture-%04d.tar.gz" % (i + 1)), files, when))
     return names
 
 

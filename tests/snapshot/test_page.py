@@ -13,6 +13,7 @@ import unittest
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import page_captures as pc  # noqa: E402
 import page  # noqa: E402
+import series  # noqa: E402
 
 REPORT = os.path.join(pc.TOP, "snapshot", "report.py")
 PAIR = os.path.join(pc.TOP, "tests", "data", "pair")
@@ -38,6 +39,8 @@ class Page(unittest.TestCase):
         files["proc/68/comm"] = b"<script>alert(1)</script>\n"
         files["proc/69/comm"] = b'"><img src=x onerror=alert(2)>\x07\n'
         files["d/dma_buf/bufinfo"] = pc.bufinfo_table([(131072, "udmabuf", 5, "G:<b>screenshot</b>")])
+        files["proc/68/cmdline"] = b"<script>alert(3)</script>\0\x1b[31m\xff\0"
+        files["proc/69/cmdline"] = b"\0\0"  # a process exiting, or a kernel thread: no line
         cap = pc.write_capture(self.path("c.tar.gz"), files, pc.info(8123.45))
         status, err = report("-o", self.path("p.html"), "--json", self.path("p.json"), cap)
         self.assertEqual(status, 0, err)
@@ -50,6 +53,8 @@ class Page(unittest.TestCase):
         self.assertIn("&quot;&gt;&lt;img src=x onerror=alert(2)&gt;\\x07", doc)
         self.assertNotIn("<img", doc)
         self.assertIn("G:&lt;b&gt;screenshot&lt;/b&gt;", doc)
+        self.assertIn('<span class="cmdline" title="&lt;script&gt;alert(3)&lt;/script&gt; \\x1b[31m\\xff">'
+                      '&lt;script&gt;alert(3)&lt;/script&gt;</span> [68]', doc)
         # Map rectangles to scale within a bank: width per KB is the same for every region.
         widths = {html.unescape(n): float(w) for n, w in re.findall(r'data-region="([^"]*)" x="[^"]*" y="\d+" width="([^"]*)"', doc)}
         self.assertAlmostEqual(widths["modem_region"] / 106496, widths["linux,cma"] / 65536, places=6)
@@ -58,6 +63,8 @@ class Page(unittest.TestCase):
         self.assertEqual((data["schema"], data["kind"]), (1, "capture"))
         c = data["captures"][0]
         self.assertEqual(c["time"]["uptime"], 8123.45)
+        # Bytes that are not UTF-8 reach the JSON as the text \xHH.
+        self.assertEqual(c["cmdlines"], {"68": ["<script>alert(3)</script>", "\x1b[31m\\xff"]})
         self.assertEqual([r["name"] for r in c["unmapped"]["rows"] if r["inode"] == 5], ["G:<b>screenshot</b>"])
         self.assertTrue(any(r["name"] == "modem_region" for r in c["reserved"]["regions"]))
         # The sample has no ION: said once in words, the tool's own lines kept in the JSON.
@@ -92,6 +99,42 @@ class Page(unittest.TestCase):
             events = json.load(f)["traceEvents"]
         total = [(e["ts"], e["args"]["KB"]) for e in events if e["name"] == "unmapped DMA-BUF total"]
         self.assertEqual(total, list(zip([1000000000 + 60000000 * i for i in range(5)], data["series"]["unmapped_kb"])))
+
+    def test_recording_across_a_reboot_with_holders_by_command_line(self):
+        rec = self.path("rec")
+        lines = {68: b"/vendor/bin/<b>cam</b>\0--title=\"x\" & y\0", 69: b"com.example.gallery\0\0\0"}
+        pc.recording(rec, reboot_at=3, cmdlines=lines)
+        status, err = report("-o", self.path("r.html"), "--json", self.path("r.json"), rec)
+        self.assertEqual(status, 0, err)
+        with open(self.path("r.json"), encoding="utf-8") as f:
+            data = json.load(f)
+        # Boot by boot: the second boot's smaller boot clock does not put it first.
+        self.assertEqual([c["file"] for c in data["captures"]], ["capture-%04d.tar.gz" % i for i in range(1, 6)])
+        self.assertEqual([r["text"] for r in data["reboots"]],
+                         ["the device rebooted between capture-0003 and capture-0004"])
+        self.assertEqual(data["series"]["boot"], [1, 1, 1, 2, 2])
+        elapsed = data["series"]["elapsed_s"]
+        self.assertEqual(elapsed, sorted(elapsed))
+        # Buffer 6 was unmapped from the third capture on, but the second boot's buffer 6 is
+        # another buffer, unmapped since that boot's first capture: no suspect.
+        self.assertEqual(data["suspects"]["buffers"], [])
+        self.assertEqual(data["suspects"]["within"], {"boot": 2, "first": 3, "last": 4})
+        self.assertEqual([b["boot"] for b in data["suspects"]["growth_by_boot"]], [1, 2])
+        self.assertEqual(data["captures"][0]["cmdlines"],
+                         {"68": ["/vendor/bin/<b>cam</b>", '--title="x" & y'], "69": ["com.example.gallery"]})
+        self.assertEqual(data["series"]["holders"]["[68]dmabuf-test (boot 2)"]["cmdline"][0], "/vendor/bin/<b>cam</b>")
+        with open(self.path("r.html"), encoding="utf-8") as f:
+            doc = f.read()
+        self.assertIn("the device rebooted between capture-0003 and capture-0004", doc)
+        self.assertIn('id="within-boot"', doc)
+        self.assertEqual(len(re.findall(r'<path class="reboot"', doc)), 2 + len(data["series"]["counters"]))
+        self.assertIn('<span class="cmdline" title="/vendor/bin/&lt;b&gt;cam&lt;/b&gt; --title=&quot;x&quot; &amp; y">'
+                      '/vendor/bin/&lt;b&gt;cam&lt;/b&gt;</span> [68]', doc)
+        self.assertIn('<span class="cmdline" title="com.example.gallery">com.example.gallery</span> [69]', doc)
+        self.assertNotIn("<b>", doc)
+        # Every line is drawn right of the axis (x = 70).
+        xs = [float(x) for d in re.findall(r'<path d="([^"]*)" stroke="#', doc) for x in re.findall(r"[ML]([\d.-]+) ", d)]
+        self.assertTrue(xs and min(xs) >= 70, xs)
 
     def test_bad_input_writes_nothing(self):
         p = subprocess.run(["/usr/bin/python3", REPORT, "--binary", "x", "-o", self.path("p.html")],
@@ -266,6 +309,14 @@ class Drawing(unittest.TestCase):
         self.assertIn("KernelStack (not in the total)", bar)
         self.assertIn("KernelStack is not part of the total: this kernel has CONFIG_VMAP_STACK", bar)
         self.assertNotIn("not part of the total", page.kmem_bar(dict(n, stack_counted=True)))
+    def test_reboots_and_wall_clock_jumps_are_said(self):
+        caps = [{"file": "<i>a</i>.tar.gz", "time": {"uptime": 100.0, "wall": 5000, "boot_id": "x"}},
+                {"file": "b.tar.gz", "time": {"uptime": 160.0, "wall": 1400, "boot_id": "x"}},
+                {"file": "c.tar.gz", "time": {"uptime": 5.0, "wall": 1500, "boot_id": "y"}}]
+        said = page.recording_events(series.events(caps))
+        self.assertIn('<li class="clock">the wall clock jumped by -3660 s between &lt;i&gt;a&lt;/i&gt; and b', said)
+        self.assertIn('<li class="reboot">the device rebooted between b and c</li>', said)
+        self.assertEqual(page.recording_events({"reboots": [], "wall_clock_jumps": []}), "")
 
 
 if __name__ == "__main__":

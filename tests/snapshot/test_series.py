@@ -71,13 +71,88 @@ class Suspects(unittest.TestCase):
         caps[1]["unmapped"] = None
         self.assertEqual(series.build(caps)["by_exporter"]["system"], [64, None, 14080, 14080, 14080])
 
-    def test_time_from_the_boot_clock_or_the_wall_clock_across_a_reboot(self):
-        caps = [capture(100.0, [], wall=10_000), capture(5.0, [], wall=10_300, boot="other")]
-        self.assertEqual(series.elapsed(caps), [0.0, 300.0])
-        caps[1]["time"]["wall"] = None
+
+def rebooted(holder=(900, "svc")):
+    """Two boots of three captures each, a minute apart, 140 s between them by the wall clock;
+    named so that names and boot clocks disagree with the real order. In both boots pid 900
+    holds an unmapped buffer of inode 6 (the kernel reuses inode numbers after a reboot): in
+    the first from the second capture on, in the second from its second capture on, and it
+    grows there by one more buffer."""
+    caps = []
+    for i in range(6):
+        boot, k = ("one", i) if i < 3 else ("two", i - 3)
+        rows = []
+        if k >= 1:
+            rows.append(row(6, 1 << 20, "system", holder, name="G:screenshot"))
+        if boot == "two" and k == 2:
+            rows.append(row(7, 1 << 20, "system", holder, name="G:screenshot"))
+        c = capture((5000.0 if boot == "one" else 30.0) + 60 * k, rows,
+                    wall=100_000 + 60 * i + (80 if boot == "two" else 0), boot=boot)
+        c["file"] = "capture-%04d.tar.gz" % (6 - i)
+        caps.append(c)
+    return caps
+
+
+class Boots(unittest.TestCase):
+    def ordered(self, caps):
+        order = series.time_order([(c["file"], c["time"]) for c in caps])
+        return [caps[i] for i in order]
+
+    def test_boots_follow_the_wall_clock_and_the_boot_clock_orders_each(self):
+        caps = rebooted()
+        shuffled = [caps[i] for i in (4, 0, 5, 2, 3, 1)]
+        self.assertEqual([c["file"] for c in self.ordered(shuffled)], [c["file"] for c in caps])
+        # A wall clock set back an hour within the first boot reorders nothing and is said.
+        caps[1]["time"]["wall"] -= 3600
+        ordered = self.ordered(list(reversed(caps)))
+        self.assertEqual([c["file"] for c in ordered], [c["file"] for c in caps])
+        ev = series.events(ordered)
+        self.assertEqual([r["text"] for r in ev["reboots"]],
+                         ["the device rebooted between capture-0004 and capture-0003"])
+        self.assertEqual([(j["index"], j["jump_s"]) for j in ev["wall_clock_jumps"]], [(1, -3600), (2, 3600)])
+        self.assertIn("between capture-0006 and capture-0005", ev["wall_clock_jumps"][0]["text"])
+        # Captures without a boot clock keep their names' order, after the others.
+        times = [("c-3", {"uptime": 9.0, "boot_id": "x"}), ("c-2", {"uptime": None}), ("c-1", {"uptime": None}),
+                 ("c-0", {"uptime": 3.0, "boot_id": "x"})]
+        self.assertEqual(series.time_order(times), [3, 0, 2, 1])
+
+    def test_elapsed_never_goes_back(self):
+        caps = rebooted()
+        self.assertEqual(series.elapsed(caps), [0.0, 60.0, 120.0, 260.0, 320.0, 380.0])
+        caps[3]["time"]["wall"] = 50  # the new boot's wall clock is far behind: no time between
+        self.assertEqual(series.elapsed(caps), [0.0, 60.0, 120.0, 120.0, 180.0, 240.0])
+        caps[3]["time"]["uptime"] = None
         self.assertIsNone(series.elapsed(caps))
-        order = series.time_order([("c-3", {"uptime": 9.0}), ("c-1", {"uptime": None}), ("c-2", {"uptime": 3.0})])
-        self.assertEqual(order, [2, 0, 1])
+
+    def test_nothing_is_matched_across_a_reboot(self):
+        caps = rebooted()
+        s = series.build(caps)
+        self.assertEqual(s["boot"], [1, 1, 1, 2, 2, 2])
+        # One pid in two boots is two processes.
+        self.assertEqual(s["by_holder"]["[900]svc (boot 1)"], [0, 1024, 1024, None, None, None])
+        self.assertEqual(s["by_holder"]["[900]svc (boot 2)"], [None, None, None, 0, 1024, 2048])
+        sus = series.suspects(caps, s)
+        # Inode 6 of the second boot is unmapped from that boot's second capture, not from the
+        # first boot's: not one buffer.
+        self.assertEqual([(b["inode"], b["since"]["index"]) for b in sus["buffers"]], [(6, 4)])
+        self.assertEqual(sus["within"], {"boot": 2, "first": 3, "last": 5})
+        growth = {(g["by"], g["key"]): (g["first_kb"], g["last_kb"]) for g in sus["growth"]}
+        self.assertEqual(growth, {("exporter", "system"): (0, 2048), ("name", "G:screenshot"): (0, 2048),
+                                  ("holder", "[900]svc (boot 2)"): (0, 2048)})
+        self.assertEqual([(b["boot"], b["first"], b["last"], len(b["growth"])) for b in sus["growth_by_boot"]],
+                         [(1, 0, 2, 3), (2, 3, 5, 3)])
+        # From the boot's first capture on is before the boot was watched: no suspect.
+        caps[3]["unmapped"]["rows"].append(row(6, 1 << 20, "system", (900, "svc")))
+        self.assertEqual(series.suspects(caps, series.build(caps))["buffers"], [])
+
+    def test_each_boot_is_a_trace_process(self):
+        caps = rebooted()
+        events = series.trace(caps, series.build(caps))["traceEvents"]
+        names = {e["pid"]: e["args"]["name"] for e in events if e["ph"] == "M"}
+        self.assertEqual(names, {1: "quarrystat recording, boot 1 (one)", 2: "quarrystat recording, boot 2 (two)"})
+        total = [(e["pid"], e["ts"]) for e in events if e["name"] == "unmapped DMA-BUF total"]
+        self.assertEqual(total, [(1, 5000000000), (1, 5060000000), (1, 5120000000),
+                                 (2, 30000000), (2, 90000000), (2, 150000000)])
 
 
 class Trace(unittest.TestCase):
