@@ -280,10 +280,10 @@ def kmem_bar(n, ident="kmem-bar"):
     rows += "<tr><th>Kernel Memory total</th><th class=n>%s</th></tr>" % _num(n["total_kb"])
     note = ""
     if apart:
-        note = ('<p class="note" id="kmem-stack">KernelStack is not part of the total: this kernel has '
+        note = ('<p class="note" id="%s-stack">KernelStack is not part of the total: this kernel has '
                 "CONFIG_VMAP_STACK, so its stacks are vmalloc'd and already within VmallocUsed, "
                 "and the tool leaves them out of its total. The counters above add up to more "
-                "than the total by that much.</p>")
+                "than the total by that much.</p>" % ident)
     return "".join(out) + "<table><thead><tr><th>Counter</th><th class=n>KB</th></tr></thead><tbody>%s</tbody></table>" % rows + note
 
 

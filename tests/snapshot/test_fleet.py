@@ -150,7 +150,7 @@ class Export(unittest.TestCase):
 
     def test_a_refused_capture_is_a_row_and_the_run_goes_on(self):
         for name, status, replay_status, words in (("truncated", "truncated", 4, "is truncated"),
-                                                   ("hostile", "refused", 3, "never writes")):
+                                                   ("hostile", "refused", 3, "never holds")):
             with self.subTest(capture=name):
                 path = self.caps[name]
                 row = self.by_file[os.path.basename(path)]
