@@ -29,6 +29,13 @@ PALETTE = ["#1f77b4", "#d62728", "#2ca02c", "#ff7f0e", "#9467bd", "#8c564b", "#e
 
 STYLE = """
 body{font:14px/1.4 sans-serif;margin:1em 2em;color:#222;max-width:1100px}
+svg.memory-map,svg.timeline,svg.kmem{width:100%;height:auto;max-width:1000px}figure.chart{margin:.5em 0}
+figcaption{font-weight:bold}.readout{color:#333;min-height:1.4em;margin:0}.verdict{font-size:1.15em;
+padding:.4em .6em;background:#fff6d5;border-left:4px solid #e0a800}.wide{overflow-x:auto;max-width:100%}
+th[data-type]:focus{outline:2px solid #1f77b4}circle.pt{cursor:crosshair}circle.pt:hover{r:5}
+tr.up td.delta{color:#a00}tr.down td.delta{color:#1a7f37}details summary{cursor:pointer}
+@media print{body{margin:0;max-width:none}th[data-type]:after{content:""}.readout{display:none}
+details>*{display:block}svg text{fill:#000}h2{break-after:avoid}table,figure{break-inside:avoid}}
 h1{font-size:1.4em}h2{font-size:1.2em;border-bottom:1px solid #ccc;margin-top:1.6em}
 h3{font-size:1.05em}
 table{border-collapse:collapse;margin:.5em 0}td,th{border:1px solid #ccc;padding:2px 6px;
@@ -45,24 +52,39 @@ height:12px;margin:0 4px 0 12px;vertical-align:middle}.unknown{fill:#fff;stroke:
 stroke-dasharray:4 2}code{background:#f3f3f3}
 """
 
-# Sorts a table by the clicked header: numbers by value, text by text; a second click reverses.
+# Sorts a table by the clicked header (or Enter or Space on it: headers take the keyboard focus):
+# numbers by value, text by text; a second time reverses. A timeline's dot says its value below
+# the chart when pointed at or focused.
 SCRIPT = """
-document.querySelectorAll('th[data-type]').forEach(function (th) {
-  th.addEventListener('click', function () {
-    var table = th.closest('table'), body = table.tBodies[0];
-    var col = Array.prototype.indexOf.call(th.parentNode.children, th);
-    var num = th.getAttribute('data-type') === 'num';
-    var dir = th.getAttribute('data-dir') === 'asc' ? -1 : 1;
-    table.querySelectorAll('th').forEach(function (h) { h.removeAttribute('data-dir'); });
-    th.setAttribute('data-dir', dir === 1 ? 'asc' : 'desc');
-    var rows = Array.prototype.slice.call(body.rows);
-    rows.sort(function (a, b) {
-      var x = a.cells[col].textContent, y = b.cells[col].textContent;
-      if (num) return dir * (Number(x) - Number(y));
-      return dir * (x < y ? -1 : x > y ? 1 : 0);
-    });
-    rows.forEach(function (r) { body.appendChild(r); });
+function sortBy(th) {
+  var table = th.closest('table'), body = table.tBodies[0];
+  var col = Array.prototype.indexOf.call(th.parentNode.children, th);
+  var num = th.getAttribute('data-type') === 'num';
+  var dir = th.getAttribute('aria-sort') === 'ascending' ? -1 : 1;
+  table.querySelectorAll('th').forEach(function (h) { h.removeAttribute('aria-sort'); });
+  th.setAttribute('aria-sort', dir === 1 ? 'ascending' : 'descending');
+  var rows = Array.prototype.slice.call(body.rows);
+  rows.sort(function (a, b) {
+    var x = a.cells[col].textContent, y = b.cells[col].textContent;
+    if (num) return dir * (Number(x) - Number(y));
+    return dir * (x < y ? -1 : x > y ? 1 : 0);
   });
+  rows.forEach(function (r) { body.appendChild(r); });
+}
+document.querySelectorAll('th[data-type]').forEach(function (th) {
+  th.tabIndex = 0;
+  th.setAttribute('role', 'button');
+  th.addEventListener('click', function () { sortBy(th); });
+  th.addEventListener('keydown', function (e) {
+    if (e.key === 'Enter' || e.key === ' ') { e.preventDefault(); sortBy(th); }
+  });
+});
+document.querySelectorAll('circle.pt').forEach(function (c) {
+  var say = function () {
+    c.closest('figure').querySelector('.readout').textContent = c.getAttribute('data-said');
+  };
+  c.addEventListener('mouseenter', say);
+  c.addEventListener('focus', say);
 });
 """
 
@@ -540,14 +562,40 @@ def pair_sections(doc, before_marks, after_marks):
     return "".join(h)
 
 
-def chart(ident, title, xs, lines, breaks=()):
-    """A timeline: lines is [(label, values)], values None where a capture could not say;
-    breaks are the indexes of the first capture after each reboot: no line runs across one,
-    and a dashed mark stands there. xs never decrease (series.elapsed)."""
-    w, h, left, bottom = MAP_WIDTH, 160, 70, 20
+CHART_HEIGHT = 170  # px, at the drawing's own width (MAP_WIDTH); it scales down with the window
+CHART_LEFT = 70  # px for the value axis' labels
+POINT_R = 3  # px: the dot at each capture's value, which answers a hover
+
+
+def human(n):
+    """Bytes as a person reads them (KB as the tool counts: 1024 bytes)."""
+    if n is None:
+        return "unknown"
+    for unit, shift in (("GB", 30), ("MB", 20), ("KB", 10)):
+        if abs(n) >= 1 << shift:
+            return "%.1f %s" % (n / (1 << shift), unit)
+    return "%d bytes" % n
+
+
+def _clock(wall):
+    if wall is None:
+        return None
+    try:
+        return datetime.datetime.fromtimestamp(wall, datetime.timezone.utc).strftime("%Y-%m-%d %H:%M:%S UTC")
+    except (OverflowError, OSError, ValueError):
+        return None
+
+
+def chart(ident, title, xs, lines, breaks=(), moments=None):
+    """A timeline: lines is [(label, values in bytes)], values None where a capture could not
+    say; breaks are the indexes of the first capture after each reboot: no line runs across one,
+    and a dashed mark stands there. xs never decrease (series.elapsed). moments: per capture,
+    its words (number, uptime, wall clock) for the axis and the hover readout."""
+    w, h, left, bottom = MAP_WIDTH, CHART_HEIGHT, CHART_LEFT, 34
     values = [v for _, vs in lines for v in vs if v is not None]
     if not values or not xs:
         return ""
+    moments = moments or ["capture %d" % (i + 1) for i in range(len(xs))]
     lo, hi = min(0, min(values)), max(values)
     hi = hi if hi > lo else lo + 1
     x0, x1 = xs[0], xs[-1] if xs[-1] > xs[0] else xs[0] + 1
@@ -557,21 +605,27 @@ def chart(ident, title, xs, lines, breaks=()):
 
     def py(v):
         return 8 + (hi - v) * (h - bottom - 8) / (hi - lo)
-    out = ['<h4>%s</h4><svg id="%s" class="timeline" width="%d" height="%d" xmlns="http://www.w3.org/2000/svg">' % (
-        text(title), ident, w, h),
+    out = ['<figure class="chart"><figcaption>%s</figcaption><svg id="%s" class="timeline" viewBox="0 0 %d %d" '
+           'preserveAspectRatio="xMinYMin meet" xmlns="http://www.w3.org/2000/svg">' % (text(title), ident, w, h),
            '<path d="M%d 8 V%d H%d" stroke="#999" fill="none"/>' % (left, h - bottom, w - 10),
-           '<text x="%d" y="14" font-size="11" text-anchor="end">%d KB</text>' % (left - 4, hi),
-           '<text x="%d" y="%d" font-size="11" text-anchor="end">%d KB</text>' % (left - 4, h - bottom, lo),
-           '<text x="%d" y="%d" font-size="11">0 s</text>' % (left, h - 4),
-           '<text x="%d" y="%d" font-size="11" text-anchor="end">%.0f s</text>' % (w - 10, h - 4, x1 - x0)]
+           '<text x="%d" y="14" font-size="11" text-anchor="end">%s</text>' % (left - 4, human(hi)),
+           '<text x="%d" y="%d" font-size="11" text-anchor="end">%s</text>' % (left - 4, h - bottom, human(lo))]
+    # The time axis: each end's uptime and wall clock, as the captures say them.
+    for k, anchor in ((0, "start"), (len(xs) - 1, "end")):
+        x = left if anchor == "start" else w - 10
+        first, _, rest = moments[k].partition(": ")
+        out.append('<text x="%d" y="%d" font-size="11" text-anchor="%s">%s</text>'
+                   '<text x="%d" y="%d" font-size="11" text-anchor="%s" fill="#555">%s</text>' % (
+                       x, h - bottom + 14, anchor, text(first), x, h - bottom + 27, anchor, text(rest)))
     for b in breaks:
         x = px((xs[b - 1] + xs[b]) / 2)
         out.append('<path class="reboot" d="M%.1f 8 V%d" stroke="#a00" stroke-dasharray="4 3" fill="none">'
                    '<title>reboot</title></path><text x="%.1f" y="%d" font-size="11" fill="#a00">reboot</text>' % (
                        x, h - bottom, x + 3, 20))
-    legend = []
+    legend, dots = [], []
     for i, (label, vs) in enumerate(lines):
         d, pen = [], "M"
+        colour = PALETTE[i % len(PALETTE)]
         for k, (x, v) in enumerate(zip(xs, vs)):
             if v is None or k in breaks:
                 pen = "M"
@@ -579,11 +633,15 @@ def chart(ident, title, xs, lines, breaks=()):
                 continue
             d.append("%s%.1f %.1f" % (pen, px(x), py(v)))
             pen = "L"
-        colour = PALETTE[i % len(PALETTE)]
+            said = "%s, %s: %s" % (moments[k], label, human(v)) if len(lines) > 1 else \
+                "%s: %s (%d bytes)" % (moments[k], human(v), v)
+            dots.append('<circle class="pt" cx="%.1f" cy="%.1f" r="%d" fill="%s" data-said="%s">'
+                        '<title>%s</title></circle>' % (px(x), py(v), POINT_R, colour, text(said), text(said)))
         out.append('<path d="%s" stroke="%s" stroke-width="1.5" fill="none"><title>%s</title></path>' % (
             " ".join(d), colour, text(label)))
         legend.append('<span style="color:%s">&#9632;</span> %s' % (colour, text(label)))
-    out.append("</svg>")
+    out.extend(dots)
+    out.append('</svg><p class="readout" aria-live="polite">Point at a dot for its value.</p></figure>')
     if len(lines) > 1:
         out.append('<p class="legend">%s</p>' % " ".join(legend))
     return "".join(out)
@@ -599,9 +657,129 @@ def recording_events(doc):
     return '<ul id="reboots">%s</ul>' % "".join('<li class="%s">%s</li>' % (c, text(t)) for t, c in items)
 
 
+def _moments(caps, elapsed_s):
+    """Each capture in words for the time axis and the hover: its number, its uptime (and time
+    since the first capture), its wall clock."""
+    out = []
+    for i, c in enumerate(caps):
+        t = c["time"]
+        up = "uptime %.0f s" % t["uptime"] if t.get("uptime") is not None else "uptime not recorded"
+        if elapsed_s is not None and i:
+            up += " (+%.0f s)" % (elapsed_s[i] - elapsed_s[0])
+        out.append("capture %d, %s: %s" % (i + 1, up, _clock(t.get("wall")) or "wall clock not recorded"))
+    return out
+
+
+SHAPE_WORDS = {"growing": "growing", "step": "step (rose once and stayed)", "steady": "steady",
+               "shrinking": "shrinking"}
+KERNEL_NOTE = ('<p class="note kernel-note">An owner of <i>kernel</i> means no process holds the buffer: '
+               'a driver, or a reference passed into the kernel (a buffer queued to a device, a fence), '
+               'keeps it alive. Look at the exporter and the drivers that import from it.</p>')
+
+
+def _holders_html(keys, holders):
+    return ", ".join('<span class="kernel" title="no process holds it: a driver or a reference passed into '
+                     'the kernel does">kernel</span>' if k == "kernel" else
+                     named(k, (holders.get(k) or {}).get("cmdline")) for k in keys)
+
+
+def _rate(g):
+    if g["shape"] == "step" or g.get("bytes_per_minute") is None:
+        return ""
+    return "%s%s per minute" % ("+" if g["bytes_per_minute"] > 0 else "-", human(abs(g["bytes_per_minute"])))
+
+
+def verdict(doc):
+    """The page's first sentence: the biggest growing group of suspects, or that nothing grew."""
+    s, sus, caps = doc["series"], doc["suspects"], doc["captures"]
+    growing = [g for g in sus["groups"] if g["shape"] == "growing"]
+    if not growing:
+        steps = [g for g in sus["groups"] if g["shape"] == "step"]
+        words = "Nothing grew: no group of unmapped DMA-BUF buffers rose in more than one step"
+        if steps:
+            g = steps[0]
+            words += ("; the largest that rose once and stayed is %d buffer%s%s of %s held by %s, %s since capture %d" % (
+                g["buffers"], "" if g["buffers"] == 1 else "s", " named " + text(g["name"]) if g["name"] else "",
+                text(g["exporter"]), _holders_html(g["holders"], s["holders"]), human(g["bytes"]), g["since"] + 1))
+        return '<p id="verdict" class="verdict">%s.</p>' % words
+    g = growing[0]
+    return ('<p id="verdict" class="verdict">Growing: %d buffer%s%s of exporter %s held by %s, %s in all, '
+            '%s since capture %d (%s).</p>' % (
+                g["buffers"], "" if g["buffers"] == 1 else "s", " named " + text(g["name"]) if g["name"] else "",
+                text(g["exporter"]), _holders_html(g["holders"], s["holders"]), human(g["bytes"]), _rate(g),
+                g["since"] + 1, text(_when(caps[g["since"]]["time"]))))
+
+
+def suspect_groups(doc):
+    s, sus, caps = doc["series"], doc["suspects"], doc["captures"]
+    if not sus["groups"]:
+        return '<p id="suspects">No buffer became unmapped and stayed so.</p>'
+    rows = []
+    for g in sus["groups"]:
+        listed = "".join("<li>buffer %d</li>" % i for i in g["inodes"])
+        rows.append('<tr data-shape="%s"><td>%s</td><td>%s</td><td>%s</td><td>%s</td>'
+                    '<td class=n>%d</td><td class=n>%d</td><td>capture %d</td><td>%s</td>'
+                    '<td><details><summary>%d buffer%s</summary><ul>%s</ul></details></td></tr>' % (
+                        g["shape"], text(SHAPE_WORDS[g["shape"]]), _holders_html(g["holders"], s["holders"]),
+                        text(g["exporter"]), text(g["name"]) if g["name"] else "", g["buffers"], g["bytes"],
+                        g["since"] + 1, _rate(g) or human(g["bytes"]) + " at once", g["buffers"],
+                        "" if g["buffers"] == 1 else "s", listed))
+    note = KERNEL_NOTE if any("kernel" in g["holders"] for g in sus["groups"]) else ""
+    return ('<table id="suspects" class="groups"><thead><tr><th data-type="text">Shape</th><th data-type="text">Holder</th>'
+            '<th data-type="text">Exporter</th><th data-type="text">Name</th><th class=n data-type="num">Buffers</th>'
+            '<th class=n data-type="num">Bytes</th><th data-type="text">First seen</th><th>Rate</th><th>Buffers</th></tr>'
+            '</thead><tbody>%s</tbody></table>%s' % ("".join(rows), note))
+
+
+def growth_table(doc):
+    s, sus = doc["series"], doc["suspects"]
+    holders = s.get("holders", {})
+    if not sus["growth"]:
+        return "<p>No exporter, holder or buffer name holds more or fewer unmapped bytes at the end than at the start.</p>"
+
+    def key_html(g):
+        if g["by"] == "holder":
+            return _holders_html([g["key"]], holders)
+        return text(g["key"])
+    rows = "".join(
+        '<tr data-shape="%s"><td>%s</td><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+d</td>'
+        "<td>%s</td><td class=n>%s</td></tr>" % (
+            g["shape"], text(g["by"]), key_html(g), text(SHAPE_WORDS[g["shape"]]), g["first_bytes"], g["last_bytes"],
+            g["change_bytes"], _rate(g) or ("at capture %d" % (g["since"] + 1) if g["since"] is not None else ""),
+            "%d &rarr; %d" % (g["first_count"], g["last_count"])
+            if g.get("first_count") is not None and g.get("last_count") is not None else "")
+        for g in sus["growth"])
+    return ('<table id="growth"><thead><tr><th data-type="text">Grouped by</th><th data-type="text">Key</th>'
+            '<th data-type="text">Shape</th><th class=n data-type="num">First bytes</th><th class=n data-type="num">Last bytes</th>'
+            '<th class=n data-type="num">Change</th><th>Rate</th><th class=n>Buffers</th></tr></thead><tbody>%s</tbody></table>' % rows)
+
+
+def still_counters(s, xs, breaks, moments):
+    """Charts of the -n counters that moved; one small table of those that did not; the DMA-BUF
+    unmapped counter left out where it is the unmapped total already drawn."""
+    moved, still = [], []
+    for name, values in s["counters"].items():
+        known = [v for v in values if v is not None]
+        if name.endswith(" unmapped") and values == s["unmapped_bytes"]:
+            continue
+        (still if known and min(known) == max(known) else moved).append((name, values))
+    out = [chart("timeline-counter-%d" % i, name, xs, [(name, values)], breaks, moments)
+           for i, (name, values) in enumerate(moved)]
+    if still:
+        rows = "".join("<tr><td>%s</td>%s</tr>" % (text(name), "".join(
+            "<td class=n>%s</td>" % _num(v) for v in (
+                next(v for v in vs if v is not None), next(v for v in reversed(vs) if v is not None),
+                min(v for v in vs if v is not None), max(v for v in vs if v is not None))))
+            for name, vs in still)
+        out.append('<h4>Counters that did not move</h4><table id="still-counters"><thead><tr><th>Counter</th>'
+                   '<th class=n>First bytes</th><th class=n>Last bytes</th><th class=n>Min</th><th class=n>Max</th>'
+                   '</tr></thead><tbody>%s</tbody></table>' % rows)
+    return "".join(out)
+
+
 def recording_sections(doc):
     s, sus, caps = doc["series"], doc["suspects"], doc["captures"]
-    out = ["<h2>Suspects</h2>"]
+    out = [verdict(doc), "<h2>Suspects</h2>"]
     within = sus["within"]
     if within["boot"] > 1:
         out.append('<p class="note" id="within-boot">Suspects and growth are computed within the last boot only, '
@@ -609,46 +787,30 @@ def recording_sections(doc):
                    'after a reboot (%s). The JSON gives the growth of each boot.</p>' % (
                        text(caps[within["first"]]["file"]), text(caps[within["last"]]["file"]),
                        text("; ".join(r["text"] for r in doc.get("reboots", [])))))
-    last_lines = caps[-1].get("cmdlines") or {}
-    if sus["buffers"]:
-        out.append('<ul id="suspects">%s</ul>' % "".join(
-            "<li>buffer %d%s, %d bytes, exporter %s, held by %s: unmapped in every capture since capture %d (%s)</li>" % (
-                b["inode"], " (%s)" % text(b["name"]) if b["name"] else "", b["size"], text(b["exporter"]),
-                owners_html(b["owners"], last_lines), b["since"]["index"] + 1,
-                text(_when(caps[b["since"]["index"]]["time"])))
-            for b in sus["buffers"]))
-    else:
-        out.append('<p id="suspects">No buffer became unmapped and stayed so.</p>')
-    holders = s.get("holders", {})
-
-    def key_html(g):
-        if g["by"] == "holder" and g["key"] in holders:
-            return named(g["key"], holders[g["key"]]["cmdline"])
-        return text(g["key"])
-    if sus["growth"]:
-        out.append('<table id="growth"><thead><tr><th>Grouped by</th><th>Key</th><th class=n>First KB</th>'
-                   '<th class=n>Last KB</th><th class=n>KB per minute</th><th class=n>Buffers</th></tr></thead>'
-                   '<tbody>%s</tbody></table>' % "".join(
-                       "<tr><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+.1f</td>"
-                       "<td class=n>%s</td></tr>" % (
-                           text(g["by"]), key_html(g), g["first_kb"], g["last_kb"], g["kb_per_minute"],
-                           "%d &rarr; %d" % (g["first_count"], g["last_count"]) if "first_count" in g else "")
-                       for g in sus["growth"]))
-    else:
-        out.append("<p>No exporter, holder or buffer name holds more unmapped bytes at the end than at the start.</p>")
+    out.append('<p class="note">Buffers unmapped in every capture from some capture on, grouped by holder, exporter '
+               'and name. <i>growing</i>: rose in more than one step; <i>step</i>: rose once and stayed (a size, '
+               'not a rate).</p>')
+    out.append(suspect_groups(doc))
+    out.append("<h3>Growth by exporter, holder and name</h3>")
+    out.append(growth_table(doc))
     xs = s["elapsed_s"] or list(range(len(caps)))
     breaks = [r["index"] for r in doc.get("reboots", [])]
+    moments = _moments(caps, s["elapsed_s"])
     out.append("<h2>Timelines</h2>")
     if s["elapsed_s"] is None:
         out.append('<p class="unsaid">The captures carry no time: drawn one step per capture.</p>')
     elif breaks:
         out.append('<p class="note">Time runs on each boot\'s own clock; between two boots the time is the wall '
                    'clock\'s (none when it went back). No line runs across a reboot.</p>')
-    out.append(chart("timeline-unmapped", "Unmapped DMA-BUF total", xs, [("total", s["unmapped_kb"])], breaks))
+    out.append(chart("timeline-unmapped", "Unmapped DMA-BUF total", xs, [("total", s["unmapped_bytes"])], breaks,
+                     moments))
+    for i, g in enumerate(x for x in sus["groups"] if x["shape"] == "growing"):
+        out.append(chart("timeline-group-%d" % i, "Growing: %s, %s, %s" % (
+            ", ".join(g["holders"]), g["exporter"], g["name"] or "unnamed"), xs, [("bytes", g["series"])],
+            breaks, moments))
     out.append(chart("timeline-exporters", "Unmapped DMA-BUF per exporter", xs, sorted(s["by_exporter"].items()),
-                     breaks))
-    for i, (name, values) in enumerate(s["counters"].items()):
-        out.append(chart("timeline-counter-%d" % i, name, xs, [(name, values)], breaks))
+                     breaks, moments))
+    out.append(still_counters(s, xs, breaks, moments))
     return "".join(out)
 
 

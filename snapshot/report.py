@@ -23,11 +23,12 @@ import board  # noqa: E402
 import bufinfo  # noqa: E402
 import capturefiles  # noqa: E402
 import facts  # noqa: E402
+import jsondoc  # noqa: E402
 import page  # noqa: E402
 import reporttext  # noqa: E402
 import series  # noqa: E402
 
-SCHEMA = 1
+SCHEMA = jsondoc.SCHEMA
 # At most this many lines of a report's standard error are kept: they name files the tool
 # could not read, and a broken capture could make thousands.
 MESSAGE_LINES = 40
@@ -282,6 +283,28 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
     return _cleaned(doc)
 
 
+def json_text(doc):
+    """The --json output: schema 2 (jsondoc.py), strict JSON (allow_nan=False): a figure that
+    is no number is refused, never written as NaN or Infinity, which a JSON parser rejects."""
+    try:
+        return json.dumps(jsondoc.document(doc), separators=(",", ":"), allow_nan=False) + "\n"
+    except ValueError as e:
+        raise Refused(2, "cannot write the JSON: %s" % e)
+
+
+def trace_text(doc):
+    """The --trace output: a recording's series, or a pair's two moments, as counter tracks;
+    a recording's reboots and suspect groups as instant events."""
+    recording = doc["kind"] == "recording"
+    s = doc["series"] if recording else series.build(doc["captures"])
+    try:
+        events = series.trace(doc["captures"], s, doc["suspects"] if recording else None,
+                              doc.get("reboots", ()))
+        return json.dumps(events, separators=(",", ":"), allow_nan=False) + "\n"
+    except (ValueError, OverflowError) as e:
+        raise Refused(2, "cannot write the trace: %s" % e)
+
+
 def check_destinations(paths):
     """Refuses (status 2) destinations that cannot be written, before any capture is replayed
     and so before any of them is replaced: a folder, a missing or unwritable folder to write
@@ -340,7 +363,7 @@ def main(argv):
     ap.add_argument("--binary", required=True, help="the quarrystat binary to replay with")
     ap.add_argument("-o", dest="html", help="write the page here")
     ap.add_argument("--json", help="write every figure of the page as JSON here")
-    ap.add_argument("--trace", help="a recording's series as trace counter tracks, here")
+    ap.add_argument("--trace", help="a recording's (or a pair's) series as trace counter tracks, here")
     ap.add_argument("--drop-unsafe", action="store_true",
                     help="replay captures holding unsafe entries without them")
     ap.add_argument("--skip-refused", action="store_true",
@@ -363,24 +386,16 @@ def main(argv):
             if not os.path.isfile(f):
                 raise Refused(2, "no such capture: %s" % f)
         doc = build(files, recording, args.binary, args.drop_unsafe, args.skip_refused, warn)
-        if args.trace and doc["kind"] != "recording":
-            raise Refused(2, "--trace needs a recording (a folder, or three captures or more)")
+        if args.trace and doc["kind"] == "capture":
+            raise Refused(2, "--trace needs two captures or more (a pair or a recording): one "
+                             "capture is one moment, no track")
         outputs = []
         if args.html:
             outputs.append((args.html, page.render(doc)))
-        # Strict JSON (allow_nan=False): a figure that is no number is refused, never written
-        # as NaN or Infinity, which a JSON parser rejects.
         if args.json:
-            try:
-                outputs.append((args.json, json.dumps(doc, separators=(",", ":"), allow_nan=False) + "\n"))
-            except ValueError as e:
-                raise Refused(2, "cannot write the JSON: %s" % e)
+            outputs.append((args.json, json_text(doc)))
         if args.trace:
-            try:
-                outputs.append((args.trace, json.dumps(series.trace(doc["captures"], doc["series"]),
-                                                          separators=(",", ":"), allow_nan=False) + "\n"))
-            except (ValueError, OverflowError) as e:
-                raise Refused(2, "cannot write the trace: %s" % e)
+            outputs.append((args.trace, trace_text(doc)))
     except Refused as e:
         print("report.py: " + lines_shown(e.message), file=sys.stderr)
         return e.status

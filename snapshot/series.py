@@ -145,6 +145,9 @@ def elapsed(captures):
     return out
 
 
+KERNEL = "kernel"
+
+
 def holder_key(owner, boot=None):
     """A holder's key in the series: "[pid]comm", followed by " (boot N)" in a recording of
     several boots, where one pid names two different processes."""
@@ -162,6 +165,10 @@ def _table(capture):
     return u if u is not None and u["state"] == "table" else None
 
 
+def _holder_keys(row, boot):
+    return [holder_key(o, boot) for o in row["owners"]] or [KERNEL]
+
+
 def _grouped(table, by, boot):
     """Unmapped bytes per key of one capture's -u table. A buffer with several holders counts
     in full for each of them: each one alone keeps it alive."""
@@ -170,7 +177,7 @@ def _grouped(table, by, boot):
         if by == "exporter":
             keys = [row["exporter"]]
         elif by == "holder":
-            keys = [holder_key(o, boot) for o in row["owners"]] or ["kernel"]
+            keys = _holder_keys(row, boot)
         else:
             keys = [row["name"]] if row.get("name") else []
         for k in keys:
@@ -186,9 +193,14 @@ def _named_counts(table):
     return counts
 
 
+def _kb_bytes(kb):
+    return None if kb is None else kb * 1024
+
+
 def build(captures):
-    """The series of a recording: per capture, None where the capture cannot say. A holder is a
-    process of one boot: in a recording of several boots its key names the boot, and its
+    """The series of a recording, every memory figure in bytes (the reports' KB times 1024; a
+    buffer's size as -u prints it): per capture, None where the capture cannot say. A holder is
+    a process of one boot: in a recording of several boots its key names the boot, and its
     series is None in the others."""
     tables = [_table(c) for c in captures]
     numbers = boot_numbers(captures)
@@ -196,32 +208,35 @@ def build(captures):
     several = len(spans) > 1
     out = {"elapsed_s": elapsed(captures),
            "uptime": [c["time"]["uptime"] for c in captures],
+           "wall": [c["time"].get("wall") for c in captures],
            "boot": numbers,
            "boots": [{"boot": b + 1, "boot_id": captures[first]["time"].get("boot_id"),
                       "first": first, "last": last} for b, (first, last) in enumerate(spans)],
-           "unmapped_kb": [t["total_kb"] if t else None for t in tables]}
+           "unmapped_bytes": [_kb_bytes(t["total_kb"]) if t else None for t in tables]}
     for by in ("exporter", "holder", "name"):
         per = [_grouped(t, by, numbers[i] if several else None) if t else None
                for i, t in enumerate(tables)]
         keys = sorted({k for p in per if p for k in p})
-        out["by_" + by] = {k: [(p.get(k, 0) // 1024 if p is not None else None) for p in per]
+        out["by_" + by] = {k: [(p.get(k, 0) if p is not None else None) for p in per]
                            for k in keys}
     if several:
         # A process exists in its own boot only ("kernel" holds buffers in every boot).
         boot_of = {k: numbers[i] for i, t in enumerate(tables) if t
-                   for k in _grouped(t, "holder", numbers[i]) if k != "kernel"}
+                   for k in _grouped(t, "holder", numbers[i]) if k != KERNEL}
         for key, boot in boot_of.items():
             out["by_holder"][key] = [v if numbers[i] == boot else None
                                      for i, v in enumerate(out["by_holder"][key])]
-    # Each holder's command line, from the last capture that has one.
+    # Every holder: its pid, comm and boot, and its command line from the last capture that
+    # has one.
     holders = {}
     for i, t in enumerate(tables):
         for row in t["rows"] if t else ():
             for o in row["owners"]:
+                key = holder_key(o, numbers[i] if several else None)
                 line = cmdline_of(captures[i], o["pid"])
-                if line:
-                    holders[holder_key(o, numbers[i] if several else None)] = {
-                        "pid": o["pid"], "comm": o["name"], "cmdline": line}
+                if key not in holders or line:
+                    holders[key] = {"pid": o["pid"], "comm": o["name"], "boot": numbers[i],
+                                    "cmdline": line or (holders.get(key) or {}).get("cmdline")}
     out["holders"] = holders
     # How many unmapped buffers carry each name: a leak shows as ever more of one name.
     counts = [_named_counts(t) if t else None for t in tables]
@@ -236,43 +251,116 @@ def build(captures):
         if n["unmapped"] is not None:
             figures.append((n["unmapped"]["source"] + " unmapped", n["unmapped"]["kb"]))
         if n["total_kb"] is not None:
-            figures.append(("Kernel Memory total", n["total_kb"]))
+            figures.append(("Kernel Memory total size", n["total_kb"]))
         for name, kb in figures:
-            counters.setdefault(name, [None] * len(captures))[i] = kb
+            counters.setdefault(name, [None] * len(captures))[i] = _kb_bytes(kb)
     out["counters"] = counters
     return out
 
 
+# What a series did over a stretch of captures. "growing": it rose in more than one step and
+# ends higher; "step": it rose once and stayed (a size, no rate: one buffer that appeared is no
+# slope); "shrinking": it ends lower; "steady": it ends where it began.
+SHAPES = ("growing", "step", "steady", "shrinking")
+
+
+def shape(values):
+    """The shape of a series (None entries skipped), or None with fewer than two known values."""
+    known = [v for v in values if v is not None]
+    if len(known) < 2:
+        return None
+    if known[-1] == known[0]:
+        return "steady"
+    if known[-1] < known[0]:
+        return "shrinking"
+    rises = sum(1 for a, b in zip(known, known[1:]) if b > a)
+    return "growing" if rises > 1 else "step"
+
+
+def _course(values, elapsed_s, first, last):
+    """What one series did from capture first to last: {first_bytes, last_bytes, change_bytes,
+    shape, since (the index of the capture where it first rose, or None), bytes_per_minute
+    (None for a step, or without times)}; None when fewer than two captures say."""
+    known = [(i, values[i]) for i in range(first, last + 1) if values[i] is not None]
+    if len(known) < 2:
+        return None
+    form = shape([v for _, v in known])
+    (i0, v0), (i1, v1) = known[0], known[-1]
+    since = next((b for (a, va), (b, vb) in zip(known, known[1:]) if vb > va), None)
+    rate = None
+    if form in ("growing", "shrinking") and elapsed_s is not None:
+        # A growth is measured from the last capture before it began, so a leak that starts
+        # late in a recording is not flattened by the quiet time before it.
+        start = i0
+        if form == "growing":
+            start = max(i for i, _ in known if i < since)
+        minutes = (elapsed_s[i1] - elapsed_s[start]) / 60.0
+        if minutes > 0:
+            rate = round((v1 - values[start]) / minutes, 1)
+    return {"first_bytes": v0, "last_bytes": v1, "change_bytes": v1 - v0, "shape": form,
+            "since": since if form in ("growing", "step") else None, "bytes_per_minute": rate}
+
+
+def _order(item):
+    return (SHAPES.index(item["shape"]), -abs(item["change_bytes"]))
+
+
 def _growth(series, first, last):
-    """Exporters, holders and names whose unmapped bytes grew from capture first to last."""
+    """Exporters, holders and names whose unmapped bytes changed from capture first to last,
+    growing first."""
     growth = []
-    elapsed_s = series["elapsed_s"]
-    if elapsed_s is None:
-        return growth
     for by in ("exporter", "holder", "name"):
         for key, values in series["by_" + by].items():
-            known = [(i, v) for i, v in enumerate(values[first:last + 1], first) if v is not None]
-            if len(known) < 2:
+            course = _course(values, series["elapsed_s"], first, last)
+            if course is None or course["shape"] == "steady":
                 continue
-            (i0, first_kb), (i1, last_kb) = known[0], known[-1]
-            minutes = (elapsed_s[i1] - elapsed_s[i0]) / 60.0
-            if last_kb > first_kb and minutes > 0:
-                grew = {"by": by, "key": key, "first_kb": first_kb, "last_kb": last_kb,
-                        "kb_per_minute": round((last_kb - first_kb) / minutes, 3)}
-                if by == "name":
-                    counts = series["count_by_name"][key]
-                    grew["first_count"], grew["last_count"] = counts[i0], counts[i1]
-                growth.append(grew)
-    growth.sort(key=lambda g: -g["kb_per_minute"])
+            grew = dict({"by": by, "key": key}, **course)
+            if by == "name":
+                counts = series["count_by_name"][key]
+                grew["first_count"], grew["last_count"] = counts[first], counts[last]
+            growth.append(grew)
+    growth.sort(key=_order)
     return growth
+
+
+def _groups(captures, tables, series, buffers, first):
+    """The suspect buffers grouped by (holders, exporter, name), each group with its course
+    over the last boot (the bytes of every buffer of its key, capture by capture)."""
+    several = len(series["boots"]) > 1
+    numbers = series["boot"]
+    n = len(captures)
+
+    def key(row):
+        return (tuple(_holder_keys(row, numbers[-1] if several else None)), row["exporter"],
+                row.get("name"))
+    found = {}
+    for b in buffers:
+        found.setdefault(key(b), []).append(b)
+    groups = []
+    for k, members in found.items():
+        values = [None] * n
+        for i in range(first, n):
+            if tables[i] is not None:
+                values[i] = sum(r["size"] for r in tables[i]["rows"] if key(r) == k)
+        course = _course(values, series["elapsed_s"], first, n - 1)
+        groups.append({"holders": list(k[0]), "exporter": k[1], "name": k[2],
+                       "buffers": len(members), "inodes": sorted(b["inode"] for b in members),
+                       "bytes": sum(b["size"] for b in members),
+                       "since": min(b["since"]["index"] for b in members),
+                       "shape": course["shape"] if course else "step",
+                       "bytes_per_minute": course["bytes_per_minute"] if course else None,
+                       "series": values})
+    groups.sort(key=lambda g: (SHAPES.index(g["shape"]), -g["bytes"]))
+    return groups
 
 
 def suspects(captures, series):
     """Within the last boot (a buffer or a process of an earlier one is not the same as one of
     the last, whatever its number): buffers unmapped in every capture from some moment on (not
     from the boot's first capture: those were unmapped before it and say nothing about when),
-    over at least two captures; and exporters, holders and names whose unmapped bytes grew
-    across it. The growth of every boot is given too, boot by boot."""
+    over at least two captures, grouped by holders, exporter and name; and exporters, holders
+    and names whose unmapped bytes changed across it. The growth of every boot is given too,
+    boot by boot."""
     n = len(captures)
     tables = [_table(c) for c in captures]
     spans = boot_spans(series["boot"]) if captures else [(0, -1)]
@@ -293,34 +381,51 @@ def suspects(captures, series):
     by_boot = [{"boot": b + 1, "first": f, "last": z, "growth": _growth(series, f, z)}
                for b, (f, z) in enumerate(spans)]
     return {"within": {"boot": len(spans), "first": first, "last": n - 1},
-            "buffers": buffers, "growth": by_boot[-1]["growth"] if by_boot else [],
+            "buffers": buffers, "groups": _groups(captures, tables, series, buffers, first),
+            "growth": by_boot[-1]["growth"] if by_boot else [],
             "growth_by_boot": by_boot}
 
 
-def trace(captures, series):
-    """The series as counter tracks of the JSON Trace Event Format, on the boot clock (in
-    microseconds, as the format wants), so they line up with other traces of the same boot."""
+# The trace's tracks live under process ids above the kernel's largest (PID_MAX_LIMIT, 2^22
+# on 64-bit): no process of the device can have one, so a system trace of the same boot
+# merged with this one never puts a track under init or an app. One id per boot, as each
+# boot's clock starts again.
+TRACE_PID = 1 << 22
+
+
+def trace(captures, series, suspects=None, reboots=()):
+    """The series as counter tracks of the JSON Trace Event Format, in bytes, on the boot clock
+    (in microseconds, as the format wants), so they line up with other traces of the same
+    boot; an instant event at each reboot and where each suspect group began."""
     uptimes = series["uptime"]
     if any(u is None for u in uptimes):
         raise ValueError("a capture carries no boot clock time (an older capture)")
-    # The boot clock starts again with each boot: each boot is a process of its own, so that
-    # no track runs back in time.
     boots = series["boots"]
-    events = [{"name": "process_name", "ph": "M", "pid": b["boot"], "tid": 0,
+    pid = [TRACE_PID + b for b in series["boot"]]
+    events = [{"name": "process_name", "ph": "M", "pid": TRACE_PID + b["boot"], "tid": 0,
                "args": {"name": "quarrystat recording" if len(boots) == 1 else
                         "quarrystat recording, boot %d (%s)" % (b["boot"], b["boot_id"] or "no boot id")}}
               for b in boots]
 
     def track(name, values):
-        for up, boot, v in zip(uptimes, series["boot"], values):
+        for i, (up, v) in enumerate(zip(uptimes, values)):
             if v is not None:
-                events.append({"name": name, "ph": "C", "ts": round(up * 1e6), "pid": boot,
-                               "args": {"KB": v}})
+                events.append({"name": name, "ph": "C", "ts": round(up * 1e6), "pid": pid[i],
+                               "args": {"bytes": v}})
 
-    track("unmapped DMA-BUF total", series["unmapped_kb"])
+    def instant(name, i, args):
+        events.append({"name": name, "ph": "i", "s": "p", "ts": round(uptimes[i] * 1e6),
+                       "pid": pid[i], "tid": 0, "args": args})
+
+    track("DMA-BUF unmapped total", series["unmapped_bytes"])
     for by in ("exporter", "holder", "name"):
         for key, values in series["by_" + by].items():
-            track("unmapped DMA-BUF %s %s" % (by, key), values)
+            track("DMA-BUF unmapped by %s: %s" % (by, key), values)
     for name, values in series["counters"].items():
-        track(name, values)
+        track("Kernel memory: %s" % name, values)
+    for r in reboots:
+        instant("reboot", r["index"], {"after": r["after"], "before": r["before"]})
+    for g in (suspects or {}).get("groups", ()):
+        instant("suspects begin: %s, %s, %s" % (", ".join(g["holders"]), g["exporter"], g["name"] or "unnamed"),
+                g["since"], {"shape": g["shape"], "buffers": g["buffers"], "bytes": g["bytes"]})
     return {"traceEvents": events, "displayTimeUnit": "ms"}

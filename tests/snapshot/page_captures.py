@@ -131,3 +131,13 @@ def build_over_build(folder, model_after="lab board"):
     info_after = dict(info(40, boot="b-2"), fingerprint="lab/board/1.1:user", model=model_after)
     return (write_capture(os.path.join(folder, "build1.tar.gz"), before, info_before),
             write_capture(os.path.join(folder, "build2.tar.gz"), after, info_after))
+
+
+def check_schema(test, data):
+    """Fails test unless data (a --json document) is valid by snapshot/schema/report.schema.json."""
+    import json
+    import jsonschema
+    with open(os.path.join(TOP, "snapshot", "schema", "report.schema.json"), encoding="utf-8") as f:
+        schema = json.load(f)
+    errors = sorted(jsonschema.Draft202012Validator(schema).iter_errors(data), key=lambda e: list(e.path))
+    test.assertEqual(["%s: %s" % ("/".join(map(str, e.absolute_path)), e.message[:200]) for e in errors], [])

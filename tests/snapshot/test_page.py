@@ -60,11 +60,18 @@ class Page(unittest.TestCase):
         self.assertAlmostEqual(widths["modem_region"] / 106496, widths["linux,cma"] / 65536, places=6)
         with open(self.path("p.json"), encoding="utf-8") as f:
             data = json.load(f)
-        self.assertEqual((data["schema"], data["kind"]), (1, "capture"))
+        pc.check_schema(self, data)
+        self.assertEqual((data["schema"], data["kind"]), (2, "capture"))
         c = data["captures"][0]
-        self.assertEqual(c["time"]["uptime"], 8123.45)
-        # Bytes that are not UTF-8 reach the JSON as the text \xHH.
-        self.assertEqual(c["cmdlines"], {"68": ["<script>alert(3)</script>", "\x1b[31m\\xff"]})
+        self.assertEqual((c["number"], c["time"]["uptime_start_s"]), (1, 8123.45))
+        # Bytes that are not UTF-8 reach the JSON as the text \xHH; a holder is one shape.
+        holders = {h["pid"]: h for r in c["unmapped"]["rows"] for h in r["holders"]}
+        self.assertEqual(holders[68], {"kind": "process", "pid": 68, "comm": "<script>alert(1)</script>",
+                                       "cmdline": ["<script>alert(3)</script>", "\x1b[31m\\xff"]})
+        self.assertEqual(holders[None], {"kind": "kernel", "pid": None, "comm": None, "cmdline": None})
+        modem = [r for r in c["reserved"]["regions"] if r["name"] == "modem_region"]
+        self.assertEqual(modem, [{"kind": "fdt_no-map", "name": "modem_region", "start": "0x000000008b800000",
+                                  "end": "0x0000000092000000", "size_bytes": 106496 * 1024}])
         self.assertEqual([r["name"] for r in c["unmapped"]["rows"] if r["inode"] == 5], ["G:<b>screenshot</b>"])
         self.assertTrue(any(r["name"] == "modem_region" for r in c["reserved"]["regions"]))
         # The sample has no ION: said once in words, the tool's own lines kept in the JSON.
@@ -91,14 +98,29 @@ class Page(unittest.TestCase):
             data = json.load(f)
         self.assertEqual(data["kind"], "recording")
         self.assertEqual([c["file"] for c in data["captures"]], ["capture-%04d.tar.gz" % i for i in range(1, 6)])
+        pc.check_schema(self, data)
         self.assertEqual([(b["inode"], b["exporter"], b["name"], b["since"]) for b in data["suspects"]["buffers"]],
-                         [(6, "system", "G:screenshot", {"index": 2, "uptime": 1120.0})])
-        growth = {(g["by"], g["key"]): g["kb_per_minute"] for g in data["suspects"]["growth"]}
-        self.assertEqual(growth[("exporter", "leaky")], 64.0)
+                         [(6, "system", "G:screenshot", {"capture": 3, "uptime_s": 1120.0})])
+        # One buffer that appeared once and stayed is a step: a size, no rate.
+        self.assertEqual([(g["shape"], g["buffers"], g["bytes"], g["since"]["capture"], g["bytes_per_minute"])
+                          for g in data["suspects"]["groups"]], [("step", 1, 524288, 3, None)])
+        growth = {(g["by"], g["exporter"]): (g["shape"], g["bytes_per_minute"]) for g in data["suspects"]["growth"]}
+        self.assertEqual(growth[("exporter", "leaky")], ("growing", 65536.0))
+        self.assertEqual(growth[("exporter", "system")], ("step", None))
         with open(self.path("t.json"), encoding="utf-8") as f:
             events = json.load(f)["traceEvents"]
-        total = [(e["ts"], e["args"]["KB"]) for e in events if e["name"] == "unmapped DMA-BUF total"]
-        self.assertEqual(total, list(zip([1000000000 + 60000000 * i for i in range(5)], data["series"]["unmapped_kb"])))
+        total = [(e["ts"], e["pid"], e["args"]["bytes"]) for e in events if e["name"] == "DMA-BUF unmapped total"]
+        self.assertEqual(total, [(1000000000 + 60000000 * i, 1 << 22 | 1, v)
+                                 for i, v in enumerate(data["series"]["unmapped_bytes"])])
+        starts = [(e["name"], e["ts"]) for e in events if e["ph"] == "i"]
+        self.assertEqual(starts, [("suspects begin: [69]dmabuf-test, system, G:screenshot", 1120000000)])
+        # Two captures make a trace of two moments; one capture is refused in one line.
+        files = sorted(os.listdir(rec))
+        status, err = report("--trace", self.path("t2.json"), *[os.path.join(rec, f) for f in files[:2]])
+        self.assertEqual(status, 0, err)
+        status, err = report("--trace", self.path("t1.json"), os.path.join(rec, files[0]))
+        self.assertEqual((status, len(err.splitlines())), (2, 1), err)
+        self.assertIn("--trace needs two captures or more", err)
 
     def test_recording_across_a_reboot_with_holders_by_command_line(self):
         rec = self.path("rec")
@@ -117,17 +139,19 @@ class Page(unittest.TestCase):
         self.assertEqual(elapsed, sorted(elapsed))
         # Buffer 6 was unmapped from the third capture on, but the second boot's buffer 6 is
         # another buffer, unmapped since that boot's first capture: no suspect.
+        pc.check_schema(self, data)
         self.assertEqual(data["suspects"]["buffers"], [])
-        self.assertEqual(data["suspects"]["within"], {"boot": 2, "first": 3, "last": 4})
+        self.assertEqual(data["suspects"]["within"], {"boot": 2, "first_capture": 4, "last_capture": 5})
         self.assertEqual([b["boot"] for b in data["suspects"]["growth_by_boot"]], [1, 2])
-        self.assertEqual(data["captures"][0]["cmdlines"],
-                         {"68": ["/vendor/bin/<b>cam</b>", '--title="x" & y'], "69": ["com.example.gallery"]})
-        self.assertEqual(data["series"]["holders"]["[68]dmabuf-test (boot 2)"]["cmdline"][0], "/vendor/bin/<b>cam</b>")
+        lines = {h["pid"]: h["cmdline"] for r in data["captures"][0]["unmapped"]["rows"] for h in r["holders"]}
+        self.assertEqual((lines[68], lines[69]), (["/vendor/bin/<b>cam</b>", '--title="x" & y'], ["com.example.gallery"]))
+        cam = [(h["boot"], h["holder"]["cmdline"][0]) for h in data["series"]["by_holder"] if h["holder"]["pid"] == 68]
+        self.assertEqual(cam, [(1, "/vendor/bin/<b>cam</b>"), (2, "/vendor/bin/<b>cam</b>")])
         with open(self.path("r.html"), encoding="utf-8") as f:
             doc = f.read()
         self.assertIn("the device rebooted between capture-0003 and capture-0004", doc)
         self.assertIn('id="within-boot"', doc)
-        self.assertEqual(len(re.findall(r'<path class="reboot"', doc)), 2 + len(data["series"]["counters"]))
+        self.assertEqual(len(re.findall(r'<path class="reboot"', doc)), len(re.findall(r'class="timeline"', doc)))
         self.assertIn('<span class="cmdline" title="/vendor/bin/&lt;b&gt;cam&lt;/b&gt; --title=&quot;x&quot; &amp; y">'
                       '/vendor/bin/&lt;b&gt;cam&lt;/b&gt;</span> [68]', doc)
         self.assertIn('<span class="cmdline" title="com.example.gallery">com.example.gallery</span> [69]', doc)
@@ -159,7 +183,9 @@ class Page(unittest.TestCase):
         status, err = report("--json", self.path("p.json"), "--skip-refused", good, self.path("bad.tar.gz"))
         self.assertEqual(status, 0, err)
         with open(self.path("p.json")) as f:
-            left = json.load(f)["left_out"]
+            data = json.load(f)
+        pc.check_schema(self, data)
+        left = data["left_out"]
         self.assertEqual([x["file"] for x in left], ["bad.tar.gz"])
         self.assertNotIn(self.work, left[0]["reason"])  # no host path on a page meant for a bug
 
@@ -170,15 +196,19 @@ class Page(unittest.TestCase):
         self.assertEqual(err, "")
         with open(self.path("p.json"), encoding="utf-8") as f:
             data = json.load(f)
+        pc.check_schema(self, data)
         self.assertEqual(data["board"], {"same": True, "differ": None, "models": ["lab board"] * 2,
                                          "builds": ["lab/board/1.0:user", "lab/board/1.1:user"]})
-        changed = [(r["kind"], r["name"], r["change"], r["before"], r["after"], r["delta_kb"])
+        changed = [(r["kind"], r["name"], r["change"], r["before"], r["after"], r["change_bytes"] // 1024)
                    for r in data["facts"]["regions"] if r["change"] != "unchanged"]
+        at = lambda start, end, kb: {"start": start and "0x%016x" % start, "end": end and "0x%016x" % end,  # noqa: E731
+                                     "size_bytes": kb * 1024}
         self.assertEqual(changed, [
-            ("fdt_no-map", "modem_region", "resized", {"start": "0x8b800000", "size_kb": 106496},
-             {"start": "0x8b800000", "size_kb": 104448}, -2048),
-            ("BpHoles", "BpHoles", "resized", {"start": None, "size_kb": 1024}, {"start": None, "size_kb": 0}, -1024),
-            ("fdt_no-map", "npu_region", "added", None, {"start": "0xc0000000", "size_kb": 8192}, 8192)])
+            ("fdt_no-map", "modem_region", "resized", at(0x8b800000, 0x92000000, 106496),
+             at(0x8b800000, 0x91e00000, 104448), -2048),
+            ("BpHoles", "BpHoles", "resized", at(None, None, 1024), at(None, None, 0), -1024),
+            ("fdt_no-map", "npu_region", "added", None, at(0xc0000000, 0xc0800000, 8192), 8192)])
+        self.assertEqual({x["change"] for x in data["facts"]["figures"]} - {"up", "down", "same", "unknown"}, set())
         self.assertEqual([m["change"] for m in data["facts"]["memory"]], ["added", "cut"])
         self.assertIn("figures", data["facts"])  # the keys of before stay
         with open(self.path("p.html"), encoding="utf-8") as f:
@@ -221,6 +251,9 @@ class Page(unittest.TestCase):
         status, err = report("--json", self.path("q.json"), one, pc.write_capture(self.path("two.tar.gz"), pc.sample_files()))
         self.assertEqual(status, 0, err)
         self.assertIn("(memory in bank 0x80000000 and memory in banks 0x80000000 and 0x880000000)", err)
+        for name in ("p.json", "q.json"):
+            with open(self.path(name), encoding="utf-8") as f:
+                pc.check_schema(self, json.load(f))
 
     def test_destinations_checked_before_any_is_replaced(self):
         good = pc.write_capture(self.path("good.tar.gz"), pc.sample_files(), pc.info(10))
@@ -260,7 +293,8 @@ class Page(unittest.TestCase):
         self.assertEqual(status, 0, err)
         with open(self.path("r.json")) as f:
             doc = strict(f.read())
-        self.assertEqual([c["time"]["uptime"] for c in doc["captures"]][1:], [None, None])
+        pc.check_schema(self, doc)
+        self.assertEqual([c["time"]["uptime_start_s"] for c in doc["captures"]][1:], [None, None])
         elapsed = doc["series"]["elapsed_s"]
         self.assertTrue(elapsed is None or all(v is None or abs(v) < 1e6 for v in elapsed))
         status, err = report("--trace", self.path("t.json"), rec)

@@ -46,14 +46,35 @@ class Suspects(unittest.TestCase):
                          [(6, {"index": 2, "uptime": 620.0}, "G:screenshot")])
         growth = {(g["by"], g["key"]): g for g in sus["growth"]}
         self.assertEqual(set(growth), {("exporter", "system"), ("holder", "[900]svc"), ("name", "G:screenshot")})
+        # One buffer that appeared and stayed is a step (a size, no rate), not a slope.
         g = growth[("holder", "[900]svc")]
-        self.assertEqual((g["first_kb"], g["last_kb"], g["kb_per_minute"]), (0, 14016, 3504.0))
+        self.assertEqual((g["first_bytes"], g["last_bytes"], g["shape"], g["since"], g["bytes_per_minute"]),
+                         (0, 14352384, "step", 2, None))
+        self.assertEqual([(g["holders"], g["buffers"], g["shape"]) for g in sus["groups"]],
+                         [(["[900]svc"], 1, "step")])
         # A name also says how many buffers carry it: a leak is ever more of one name.
         caps[4]["unmapped"]["rows"].append(row(7, 14352384, "system", (900, "svc"), name="G:screenshot"))
         g = {(g["by"], g["key"]): g for g in series.suspects(caps, series.build(caps))["growth"]}
         self.assertEqual((g[("name", "G:screenshot")]["first_count"], g[("name", "G:screenshot")]["last_count"]),
                          (0, 2))
         self.assertNotIn("first_count", g[("exporter", "system")])
+
+    def test_shapes_and_groups(self):
+        self.assertEqual([series.shape(v) for v in ([0, 0, 5, 5], [0, 5, 5, 9], [9, 5, None, 5], [3, 9, 3], [1])],
+                         ["step", "growing", "shrinking", "steady", None])
+        # A leak: one more buffer of one holder, exporter and name per capture, from the
+        # second capture on; each stays. One group, growing, its rate from where it began (the
+        # buffer of the last capture alone is no suspect yet: one capture).
+        caps = []
+        for i in range(6):
+            rows = [OLD] + [row(100 + k, 1 << 20, "system", (488, "leak_client"), name="leak") for k in range(max(0, i - 1))]
+            caps.append(capture(100.0 + 60 * i, rows))
+        s = series.build(caps)
+        groups = series.suspects(caps, s)["groups"]
+        self.assertEqual([(g["holders"], g["exporter"], g["name"], g["buffers"], g["bytes"], g["since"], g["shape"],
+                           g["bytes_per_minute"]) for g in groups],
+                         [(["[488]leak_client"], "system", "leak", 3, 3 << 20, 2, "growing", float(1 << 20))])
+        self.assertEqual(groups[0]["series"], [0, 0, 1 << 20, 2 << 20, 3 << 20, 4 << 20])
 
     def test_a_gap_or_a_capture_without_a_table_restarts_the_streak(self):
         present = [True, True, False, True, True]
@@ -64,12 +85,12 @@ class Suspects(unittest.TestCase):
 
     def test_series_per_key_count_each_holder_in_full(self):
         s = series.build(leaky_recording())
-        self.assertEqual(s["by_holder"]["[70]cam"], [0, 1024, 0, 0, 0])
-        self.assertEqual(s["by_holder"]["[68]app"], [64, 1088, 64, 64, 64])
-        self.assertEqual(s["by_exporter"]["vendor"], [0, 1024, 0, 0, 0])
+        self.assertEqual(s["by_holder"]["[70]cam"], [0, 1 << 20, 0, 0, 0])
+        self.assertEqual(s["by_holder"]["[68]app"], [65536, 65536 + (1 << 20), 65536, 65536, 65536])
+        self.assertEqual(s["by_exporter"]["vendor"], [0, 1 << 20, 0, 0, 0])
         caps = leaky_recording()
         caps[1]["unmapped"] = None
-        self.assertEqual(series.build(caps)["by_exporter"]["system"], [64, None, 14080, 14080, 14080])
+        self.assertEqual(series.build(caps)["by_exporter"]["system"], [65536, None] + [65536 + 14352384] * 3)
 
 
 def rebooted(holder=(900, "svc")):
@@ -129,16 +150,17 @@ class Boots(unittest.TestCase):
         s = series.build(caps)
         self.assertEqual(s["boot"], [1, 1, 1, 2, 2, 2])
         # One pid in two boots is two processes.
-        self.assertEqual(s["by_holder"]["[900]svc (boot 1)"], [0, 1024, 1024, None, None, None])
-        self.assertEqual(s["by_holder"]["[900]svc (boot 2)"], [None, None, None, 0, 1024, 2048])
+        self.assertEqual(s["by_holder"]["[900]svc (boot 1)"], [0, 1 << 20, 1 << 20, None, None, None])
+        self.assertEqual(s["by_holder"]["[900]svc (boot 2)"], [None, None, None, 0, 1 << 20, 2 << 20])
         sus = series.suspects(caps, s)
         # Inode 6 of the second boot is unmapped from that boot's second capture, not from the
         # first boot's: not one buffer.
         self.assertEqual([(b["inode"], b["since"]["index"]) for b in sus["buffers"]], [(6, 4)])
         self.assertEqual(sus["within"], {"boot": 2, "first": 3, "last": 5})
-        growth = {(g["by"], g["key"]): (g["first_kb"], g["last_kb"]) for g in sus["growth"]}
-        self.assertEqual(growth, {("exporter", "system"): (0, 2048), ("name", "G:screenshot"): (0, 2048),
-                                  ("holder", "[900]svc (boot 2)"): (0, 2048)})
+        growth = {(g["by"], g["key"]): (g["first_bytes"], g["last_bytes"], g["shape"]) for g in sus["growth"]}
+        self.assertEqual(growth, {("exporter", "system"): (0, 2 << 20, "growing"),
+                                  ("name", "G:screenshot"): (0, 2 << 20, "growing"),
+                                  ("holder", "[900]svc (boot 2)"): (0, 2 << 20, "growing")})
         self.assertEqual([(b["boot"], b["first"], b["last"], len(b["growth"])) for b in sus["growth_by_boot"]],
                          [(1, 0, 2, 3), (2, 3, 5, 3)])
         # From the boot's first capture on is before the boot was watched: no suspect.
@@ -148,11 +170,17 @@ class Boots(unittest.TestCase):
     def test_each_boot_is_a_trace_process(self):
         caps = rebooted()
         events = series.trace(caps, series.build(caps))["traceEvents"]
+        # Above any pid a device can give (2^22), one per boot.
+        one, two = series.TRACE_PID + 1, series.TRACE_PID + 2
         names = {e["pid"]: e["args"]["name"] for e in events if e["ph"] == "M"}
-        self.assertEqual(names, {1: "quarrystat recording, boot 1 (one)", 2: "quarrystat recording, boot 2 (two)"})
-        total = [(e["pid"], e["ts"]) for e in events if e["name"] == "unmapped DMA-BUF total"]
-        self.assertEqual(total, [(1, 5000000000), (1, 5060000000), (1, 5120000000),
-                                 (2, 30000000), (2, 90000000), (2, 150000000)])
+        self.assertEqual(names, {one: "quarrystat recording, boot 1 (one)", two: "quarrystat recording, boot 2 (two)"})
+        total = [(e["pid"], e["ts"]) for e in events if e["name"] == "DMA-BUF unmapped total"]
+        self.assertEqual(total, [(one, 5000000000), (one, 5060000000), (one, 5120000000),
+                                 (two, 30000000), (two, 90000000), (two, 150000000)])
+        reboot = {"index": 3, "after": "capture-0004.tar.gz", "before": "capture-0003.tar.gz"}
+        marks = [(e["name"], e["pid"], e["ts"]) for e in series.trace(caps, series.build(caps), None, [reboot])["traceEvents"]
+                 if e["ph"] == "i"]
+        self.assertEqual(marks, [("reboot", two, 30000000)])
 
 
 class Trace(unittest.TestCase):
@@ -166,11 +194,11 @@ class Trace(unittest.TestCase):
             self.assertIsInstance(e["ts"], int)
         tracks = {}
         for e in counters:
-            tracks.setdefault(e["name"], []).append((e["ts"], e["args"]["KB"]))
-        self.assertEqual(tracks["unmapped DMA-BUF total"],
-                         [(500000000 + 60000000 * i, kb) for i, kb in enumerate(s["unmapped_kb"])])
-        self.assertEqual([kb for _, kb in tracks["unmapped DMA-BUF holder [900]svc"]], [0, 0, 14016, 14016, 14016])
-        self.assertIn("Shmem", tracks)
+            tracks.setdefault(e["name"], []).append((e["ts"], e["args"]["bytes"]))
+        self.assertEqual(tracks["DMA-BUF unmapped total"],
+                         [(500000000 + 60000000 * i, v) for i, v in enumerate(s["unmapped_bytes"])])
+        self.assertEqual([v for _, v in tracks["DMA-BUF unmapped by holder: [900]svc"]], [0, 0] + [14352384] * 3)
+        self.assertEqual(tracks["Kernel memory: Shmem"][0][1], 100 * 1024)
         caps[0]["time"]["uptime"] = None
         with self.assertRaises(ValueError):
             series.trace(caps, series.build(caps))
