@@ -33,9 +33,9 @@ svg.memory-map,svg.timeline,svg.kmem{width:100%;height:auto;max-width:1000px}fig
 figcaption{font-weight:bold}.readout{color:#333;min-height:1.4em;margin:0}.verdict{font-size:1.15em;
 padding:.4em .6em;background:#fff6d5;border-left:4px solid #e0a800}.wide{overflow-x:auto;max-width:100%}
 th[data-type]:focus{outline:2px solid #1f77b4}circle.pt{cursor:crosshair}circle.pt:hover{r:5}
-tr.up td.delta{color:#a00}tr.down td.delta{color:#1a7f37}details summary{cursor:pointer}
-@media print{body{margin:0;max-width:none}th[data-type]:after{content:""}.readout{display:none}
-details>*{display:block}svg text{fill:#000}h2{break-after:avoid}table,figure{break-inside:avoid}}
+table.regions{font-size:.9em}tr.up td.delta{color:#a00;font-weight:bold}tr.down td.delta{color:#1a7f37;font-weight:bold}
+.region-name{fill:#000;paint-order:stroke;stroke:#fff;stroke-width:3px}details summary{cursor:pointer}
+
 h1{font-size:1.4em}h2{font-size:1.2em;border-bottom:1px solid #ccc;margin-top:1.6em}
 h3{font-size:1.05em}
 table{border-collapse:collapse;margin:.5em 0}td,th{border:1px solid #ccc;padding:2px 6px;
@@ -50,6 +50,8 @@ td.kernel{font-style:italic;color:#8a2be2}.cmdline{font-weight:bold}.unsaid{colo
 .removed-region{opacity:.45;stroke-dasharray:3 2}.absent{fill:#fff;stroke:#bbb}.legend span{display:inline-block;width:12px;
 height:12px;margin:0 4px 0 12px;vertical-align:middle}.unknown{fill:#fff;stroke:#a00;
 stroke-dasharray:4 2}code{background:#f3f3f3}
+@media print{svg.memory-map,svg.timeline,svg.kmem{max-width:none}body{margin:0;max-width:none}th[data-type]:after{content:""}.readout{display:none}
+details>*{display:block}svg text{fill:#000}h2{break-after:avoid}table,figure{break-inside:avoid}}
 """
 
 # Sorts a table by the clicked header (or Enter or Space on it: headers take the keyboard focus):
@@ -128,30 +130,67 @@ def _title(name, start, end, size_kb):
     return "<title>%s: 0x%x-0x%x, %d KB</title>" % (text(name), start, end, size_kb)
 
 
-def memory_map(capture, ident="memory-map", marks=None, key=True):
-    """The map of one capture. marks: {(kind, name, start, size_kb): (change, label)} outlines
-    those regions and writes the label under them (a pair's changed regions); key=False leaves
-    out the legend and the list of narrow regions (a pair shows them once)."""
+STUB_WIDTH = 90  # px: a bank's part past its last memory and region, drawn compact, not to scale
+NAME_PX = 6.6  # px per character of an 11 px region name: a name is written in place when it fits
+SCALE_STEPS = [1 << k for k in range(24, 40)]  # tick spacing candidates: 16 MB to 512 GB
+MIN_TICKS_PX = 80  # px between two ticks of a bank's scale at least
+
+
+def bank_ends(captures):
+    """Where each bank's drawing to scale ends: past the last memory and the last region any of
+    the captures has there, rounded up to 256 MB (a bank's end when nothing is there). The rest
+    of a bank (the sample's second bank holds 1 GB of its 30 GB) is drawn compact and labelled.
+    A pair passes both captures, so that both maps share one scale."""
+    ends = []
+    for lo, hi in BANKS:
+        last = lo
+        for c in captures:
+            for a, z in c["memory"] or []:
+                if a < hi and z > lo:
+                    last = max(last, min(z, hi))
+            for r in c["reserved"]["regions"]:
+                if lo <= r["start"] < hi and r["size_kb"] >= 0:
+                    last = max(last, min(r["start"] + r["size_kb"] * 1024, hi))
+        if last == lo:
+            last = hi
+        step = 256 << 20
+        last = min(hi, lo + -(-(last - lo) // step) * step)
+        ends.append(last)
+    return ends
+
+
+def _ticks(lo, end, scale):
+    step = next((t for t in SCALE_STEPS if t * scale >= MIN_TICKS_PX), SCALE_STEPS[-1])
+    return range(lo, end + 1, step), step
+
+
+def memory_map(capture, ident="memory-map", marks=None, key=True, ends=None):
+    """The map of one capture: each bank to its own scale up to its end (bank_ends()), the rest
+    of it compact; region names written in place where they fit; every region in a table
+    beside. marks: {(kind, name, start, size_kb): (change, label)} outlines those regions and
+    writes the label under them (a pair's changed regions); key=False leaves out the legend
+    and the table (a pair shows them once)."""
     marks = marks or {}
+    ends = ends or bank_ends([capture])
     s = capture["reserved"]
     regions = sorted(s["regions"], key=lambda r: -r["size_kb"])
     used = {}
     for c in s.get("cma_used", []):
         used[c["area"]] = used.get(c["area"], 0) + c["kb"]
-    # Changed regions are labelled under their bank, on two lines below the addresses.
-    row_h, gap = 36, 34 if not marks else 90
-    height = len(BANKS) * row_h + (len(BANKS) - 1) * gap + (20 if not marks else 48)
-    out = ['<svg id="%s" class="memory-map" width="%d" height="%d" viewBox="0 0 %d %d" '
-           'xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH, height, MAP_WIDTH, height)]
-    narrow, outside = [], []
-    placed = set()
-    for b, (lo, hi) in enumerate(BANKS):
+    # Changed regions are labelled under their bank, on two lines below the scale.
+    row_h, gap = 36, 44 if not marks else 70
+    height = len(BANKS) * row_h + (len(BANKS) - 1) * gap + (32 if not marks else 60)
+    out = ['<svg id="%s" class="memory-map" viewBox="0 0 %d %d" preserveAspectRatio="xMinYMin meet" '
+           'xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH, height)]
+    narrow, placed = set(), set()
+    for b, ((lo, hi), end) in enumerate(zip(BANKS, ends)):
         y = b * (row_h + gap)
-        labels = []
-        scale = MAP_WIDTH / (hi - lo)
+        labels, names = [], []
+        drawn = MAP_WIDTH - (STUB_WIDTH if end < hi else 0)
+        scale = drawn / (end - lo)
         out.append('<rect class="absent" x="0" y="%d" width="%d" height="%d">'
-                   '<title>bank 0x%x-0x%x</title></rect>' % (y, MAP_WIDTH, row_h, lo, hi))
-        ranges = [(max(a, lo), min(z, hi)) for a, z in (capture["memory"] or []) if a < hi and z > lo]
+                   '<title>bank 0x%x-0x%x</title></rect>' % (y, drawn, row_h, lo, end))
+        ranges = [(max(a, lo), min(z, end)) for a, z in (capture["memory"] or []) if a < end and z > lo]
         for a, z in ranges:
             out.append('<rect class="memory" x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
                 (a - lo) * scale, y, (z - a) * scale, row_h,
@@ -163,14 +202,14 @@ def memory_map(capture, ident="memory-map", marks=None, key=True):
                     _title("gap in the memory table", z0, a1, (a1 - z0) // 1024)))
         for i, r in enumerate(regions):
             start, size = r["start"], r["size_kb"] * 1024
-            if size < 0 or not (lo <= start < hi):
+            if size < 0 or not (lo <= start < end):
                 continue
             placed.add(i)
             cls = _region_class(r)
-            w = size * scale
+            w = min(size, end - start) * scale
             x = (start - lo) * scale
             if w < MIN_WIDTH:
-                narrow.append(r)
+                narrow.add(i)
                 w = MIN_WIDTH
             mark = marks.get((r["kind"], r["name"], start, r["size_kb"]))
             out.append('<rect class="%s" data-region="%s"%s x="%.3f" y="%d" width="%.3f" height="%d">%s</rect>' % (
@@ -179,35 +218,66 @@ def memory_map(capture, ident="memory-map", marks=None, key=True):
                 x, y + 4, w, row_h - 8, _title(r["name"], start, start + size, r["size_kb"])))
             if mark:
                 labels.append((x, y, w, mark))
+            if len(reporttext.shown(r["name"])) * NAME_PX + 6 <= w:
+                names.append('<text class="region-name" x="%.3f" y="%d" font-size="11">%s</text>' % (
+                    x + 3, y + row_h - 9, text(r["name"])))
             if cls == "cma" and used.get(r["name"]):
                 u = min(used[r["name"]] * 1024, size)
                 out.append('<rect class="cmaused" x="%.3f" y="%d" width="%.3f" height="%d">'
                            '<title>%s in use: %d KB (its place in the area is not known)</title></rect>' % (
                                x, y + 12, max(u * scale, 1), row_h - 24, text(r["name"]), used[r["name"]]))
-        out.append(_change_labels(labels, y + row_h))
-        out.append('<text x="2" y="%d" font-size="11">0x%x</text>' % (y + row_h + 12, lo))
-        out.append('<text x="%d" y="%d" font-size="11" text-anchor="end">0x%x (%d MB in %d px)</text>' % (
-            MAP_WIDTH - 2, y + row_h + 12, hi, (hi - lo) >> 20, MAP_WIDTH))
+        out.extend(names)
+        if end < hi:
+            out.append('<rect class="absent rest" x="%d" y="%d" width="%d" height="%d"><title>0x%x-0x%x: no memory '
+                       'and no region, not drawn to scale</title></rect><path d="M%d %d l6 -5 l6 10 l6 -5" '
+                       'stroke="#444" fill="none"/><text x="%d" y="%d" font-size="10" fill="#555">to 0x%x:</text>'
+                       '<text x="%d" y="%d" font-size="10" fill="#555">%s empty</text>' % (
+                           drawn + 2, y, STUB_WIDTH - 2, row_h, end, hi, drawn + 4, y + 8,
+                           drawn + 24, y + 12, hi, drawn + 24, y + 26, _size_words(hi - end)))
+        ticks, step = _ticks(lo, end, scale)
+        for k, t in enumerate(ticks):
+            x = (t - lo) * scale
+            anchor = "start" if k == 0 else "end" if x > drawn - 40 else "middle"
+            out.append('<path d="M%.1f %d v4" stroke="#666"/><text class="tick" x="%.1f" y="%d" font-size="10" '
+                       'text-anchor="%s">0x%x</text>' % (x, y + row_h, x, y + row_h + 14, anchor, t))
+        out.append('<text x="0" y="%d" font-size="10" fill="#555">bank 0x%x: %s to scale, ticks every %s</text>' % (
+            y + row_h + 27, lo, _size_words(end - lo), _size_words(step)))
+        out.append(_change_labels(labels, y + row_h + 16))
         if b + 1 < len(BANKS):
-            by = y + row_h + gap // 2 + 4
             out.append('<path d="M480 %d l10 -8 l10 16 l10 -8" stroke="#444" fill="none"/>'
                        '<text x="530" y="%d" font-size="11">break: 0x%x-0x%x not drawn</text>' % (
-                           by, by + 4, hi, BANKS[b + 1][0]))
+                           y + row_h + 24, y + row_h + 28, hi, BANKS[b + 1][0]))
     out.append("</svg>")
-    outside = [r for i, r in enumerate(regions) if i not in placed]
     legend = '<p class="legend">' + "".join(
         '<span class="%s-key" style="background:%s"></span>%s' % (c, _legend_colour(c), text(label))
         for c, label in LEGEND) + "</p>"
-    listed = ""
-    if narrow or outside:
-        rows = "".join("<tr><td>%s</td><td>%s</td><td>0x%x</td><td class=n>%d</td><td>%s</td></tr>" % (
-            text(r["name"]), text(r["kind"]), r["start"], r["size_kb"],
-            "outside the banks" if r in outside else "too narrow to see; drawn %d px wide" % MIN_WIDTH)
-            for r in narrow + outside)
-        listed = ('<table id="%s"><thead><tr><th>Region</th><th>Kind</th><th>Start</th>'
-                  '<th class=n>KB</th><th></th></tr></thead><tbody>%s</tbody></table>' % (
-                      "narrow-regions" if ident == "memory-map" else ident + "-narrow", rows))
-    return "".join(out) + (legend + listed if key else "")
+    return "".join(out) + (legend + region_table(regions, narrow, placed, ident) if key else "")
+
+
+def _size_words(n):
+    return "%d GB" % (n >> 30) if n >= 1 << 30 and not n % (1 << 30) else "%d MB" % (n >> 20)
+
+
+DRAWN_AS = {"nomap": "no-map", "reserved": "reserved", "cma": "CMA", "initrd": "initrd",
+            "kcode": "kernel code", "kdata": "kernel data"}
+
+
+def region_table(regions, narrow, placed, ident):
+    """Every region of -s, in address order: name, kind as -s prints it, start, end, size, and
+    how the map draws it."""
+    rows = []
+    for i, r in sorted(enumerate(regions), key=lambda ir: (ir[1]["start"], ir[1]["name"])):
+        size = r["size_kb"] * 1024
+        note = ("outside the banks" if i not in placed else
+                "widened to %d px" % MIN_WIDTH if i in narrow else "")
+        rows.append('<tr><td>%s</td><td>%s</td><td>%s</td><td class="addr">0x%x</td><td class="addr">%s</td>'
+                    '<td class=n>%d</td><td>%s</td></tr>' % (
+                        text(r["name"]), text(r["kind"]), text(DRAWN_AS[_region_class(r)]), r["start"],
+                        "0x%x" % (r["start"] + size) if size >= 0 else "", r["size_kb"], note))
+    return ('<table id="%s" class="regions"><thead><tr><th data-type="text">Region</th><th data-type="text" title="as -s prints it">Kind'
+            '</th><th data-type="text">Drawn as</th><th data-type="text">Start</th><th>End</th>'
+            '<th class=n data-type="num">KB</th><th></th></tr></thead><tbody>%s</tbody></table>' % (
+                "regions" if ident == "memory-map" else ident + "-regions", "".join(rows)))
 
 
 def _change_labels(labels, bottom):
@@ -276,7 +346,8 @@ def kmem_bar(n, ident="kmem-bar"):
             parts.append((n["unmapped"]["source"] + " unmapped", n["unmapped"]["kb"]))
     whole = sum(v for _, v in parts if v > 0) or 1
     x = 0.0
-    out = ['<svg id="%s" width="%d" height="46" xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH)]
+    out = ['<svg id="%s" class="kmem" viewBox="0 0 %d 46" preserveAspectRatio="xMinYMin meet" '
+           'xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH)]
     for i, (name, v) in enumerate(parts):
         if v <= 0:
             continue
@@ -372,12 +443,14 @@ def dmabuf_section(capture, ident, marks):
         mark = marks.get(r["inode"])
         cls = ' class="%s" title="%s"' % mark if mark else ""
         name = "<td>%s</td>" % (text(r["name"]) if r.get("name") else "") if named else ""
-        owner = '<td class="kernel" title="held only by the kernel">kernel</td>' if r["kernel"] or not r["owners"] \
+        owner = '<td class="kernel" title="no process holds it: a driver or a reference passed into the kernel does">kernel</td>' if r["kernel"] or not r["owners"] \
             else "<td>%s</td>" % owners_html(r["owners"], cmdlines)
         body.append("<tr%s><td class=n>%d</td>%s<td class=n>%d</td><td>%s</td>%s</tr>" % (
             cls, r["inode"], name, r["size"], text(r["exporter"]), owner))
-    out = ['<p>Unmapped total: %s, %d buffers. <span class="note">Click a column header to sort.</span></p>' % (
-        kb(u["total_kb"]), len(u["rows"]))]
+    out = ['<p>Unmapped total: %s, %d buffers. <span class="note">Click a column header (or focus it and press '
+           'Enter) to sort.</span></p>' % (kb(u["total_kb"]), len(u["rows"]))]
+    if any(r["kernel"] or not r["owners"] for r in u["rows"]):
+        out.append(KERNEL_NOTE)
     out.append('<table class="dmabuf" id="dmabuf-%s"><thead><tr>%s</tr></thead><tbody>%s</tbody></table>' % (
         ident, head, "".join(body)))
     out.append('<div class="subtotals">%s%s%s</div>' % (
@@ -415,6 +488,30 @@ def capture_sections(capture, ident, marks=None):
     return "".join(h)
 
 
+def figure_changes(figures):
+    """The figures that changed, coloured by direction (up red, down green), and those that could
+    not be compared; the unchanged ones folded into one line, not a table of +0 KB."""
+    moved = [x for x in figures if x["delta"] != 0]
+    same = [x for x in figures if x["delta"] == 0]
+    rows = "".join('<tr class="%s" data-change="%s"><td>%s</td><td>%s</td><td class=n>%s</td><td class=n>%s</td>'
+                   '<td class="n delta">%s</td></tr>' % (
+                       *(("up", "up") if isinstance(x["delta"], int) and x["delta"] > 0 else
+                         ("down", "down") if isinstance(x["delta"], int) else ("unknown", "unknown")),
+                       text(x["report"]), text(x["name"]), kb(x["before"]), kb(x["after"]),
+                       ("&#9650; %+d KB" if x["delta"] > 0 else "&#9660; %+d KB") % x["delta"]
+                       if isinstance(x["delta"], int) else "not comparable") for x in moved)
+    out = []
+    if rows:
+        out.append('<table id="facts-figures"><thead><tr><th>Report</th><th>Figure</th><th class=n>Before</th>'
+                   '<th class=n>After</th><th class=n>Change</th></tr></thead><tbody>%s</tbody></table>' % rows)
+    else:
+        out.append('<p id="facts-figures">No figure changed.</p>')
+    if same:
+        out.append('<p class="note" id="facts-unchanged">Unchanged: %s.</p>' % ", ".join(
+            "%s %s (%s)" % (text(x["report"]), text(x["name"]), kb(x["after"])) for x in same))
+    return "".join(out)
+
+
 def facts_section(f, before_lines=None, after_lines=None):
     out = ["<h2>What changed</h2>"]
     if f["missing"]:
@@ -425,20 +522,21 @@ def facts_section(f, before_lines=None, after_lines=None):
         rows = []
         for b in f["buffers"]:
             r = b["after"] or b["before"]
-            rows.append("<tr><td>%s</td><td class=n>%d</td><td class=n>%d</td><td>%s</td><td>%s</td><td>%s</td></tr>" % (
-                text(b["change"]), b["inode"], r["size"], text(r["exporter"]),
+            # Coloured by direction: unmapped bytes up (red) or down (green).
+            direction = {"became unmapped": "up", "no longer unmapped": "down"}.get(b["change"], "moved")
+            rows.append('<tr class="%s"><td class="delta">%s</td><td class=n>%d</td><td class=n>%d</td><td>%s</td>'
+                        '<td>%s</td><td>%s</td></tr>' % (
+                direction, text(b["change"]), b["inode"], r["size"], text(r["exporter"]),
                 owners_html(b["before"]["owners"], before_lines or {}) if b["before"] else "",
                 owners_html(b["after"]["owners"], after_lines or {}) if b["after"] else ""))
         out.append('<table id="facts-buffers"><thead><tr><th>Change</th><th class=n>Inode</th><th class=n>Size</th>'
                    '<th>Exporter</th><th>Holders before</th><th>Holders after</th></tr></thead><tbody>%s</tbody></table>'
                    % "".join(rows))
+        if any(not (b[side] or {"owners": [1]})["owners"] for b in f["buffers"] for side in ("before", "after")):
+            out.append(KERNEL_NOTE)
     else:
         out.append("<p>No buffer changed.</p>")
-    rows = "".join("<tr><td>%s</td><td>%s</td><td class=n>%s</td><td class=n>%s</td><td class=n>%s</td></tr>" % (
-        text(x["report"]), text(x["name"]), kb(x["before"]), kb(x["after"]),
-        "%+d KB" % x["delta"] if isinstance(x["delta"], int) else "unknown") for x in f["figures"])
-    out.append('<table id="facts-figures"><thead><tr><th>Report</th><th>Figure</th><th class=n>Before</th>'
-               '<th class=n>After</th><th class=n>Change</th></tr></thead><tbody>%s</tbody></table>' % rows)
+    out.append(figure_changes(f["figures"]))
     return "".join(out)
 
 
@@ -535,7 +633,8 @@ def pair_sections(doc, before_marks, after_marks):
                  '<p class="note">Changed regions are outlined and labelled.</p>')
         for c, side in zip(caps, ("before", "after")):
             h.append('<h4>%s: %s</h4>' % (side.capitalize(), text(c["file"])))
-            h.append(memory_map(c, "memory-map-" + side, _map_marks(f, side), key=side == "after"))
+            h.append(memory_map(c, "memory-map-" + side, _map_marks(f, side), key=side == "after",
+                                ends=bank_ends(caps)))
     if caps[0]["reserved"]["summary"] == caps[1]["reserved"]["summary"]:
         h.append(equations(caps[1]["reserved"]["summary"]))
     else:

@@ -157,7 +157,8 @@ class Page(unittest.TestCase):
         self.assertIn('<span class="cmdline" title="com.example.gallery">com.example.gallery</span> [69]', doc)
         self.assertNotIn("<b>", doc)
         # Every line is drawn right of the axis (x = 70).
-        xs = [float(x) for d in re.findall(r'<path d="([^"]*)" stroke="#', doc) for x in re.findall(r"[ML]([\d.-]+) ", d)]
+        charts = "".join(re.findall(r'<svg id="timeline[^>]*>.*?</svg>', doc))
+        xs = [float(x) for d in re.findall(r'<path d="([^"]*)" stroke="#', charts) for x in re.findall(r"[ML]([\d.-]+) ", d)]
         self.assertTrue(xs and min(xs) >= 70, xs)
 
     def test_bad_input_writes_nothing(self):
@@ -332,10 +333,33 @@ class Drawing(unittest.TestCase):
                                                              "start": 0x90000000, "size_kb": 8192}]}}
         drawn = page.region_changes_section(f) + page.memory_map(capture, "m", page._map_marks(f, "after"))
         self.assertNotIn("<img", drawn)
-        self.assertEqual(drawn.count("&lt;img src=x onerror=alert(1)&gt;\\x1b"), 4)  # table, rect, title, label
+        # The changes table, the rectangle, its title, its label, the table of regions.
+        self.assertEqual(drawn.count("&lt;img src=x onerror=alert(1)&gt;\\x1b"), 5)
         eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
                              "mb_reserved": 210144, "cma_total": 81920})
         self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)
+
+    def test_map_scale_ends_where_memory_does_and_every_region_is_listed(self):
+        regions = [{"kind": "fdt_no-map", "name": "b", "start": 0x90000000, "size_kb": 1024},
+                   {"kind": "fdt_reserved_cma", "name": "a", "start": 0x8a0000000, "size_kb": 16384},
+                   {"kind": "MemblockReserved", "name": "Kernel code", "start": 0x80210000, "size_kb": 3136}]
+        capture = {"memory": [(0x80000000, 0x100000000), (0x880000000, 0x8c0000000)],
+                   "reserved": {"regions": regions, "cma_used": []}}
+        # The second bank to scale up to its memory's end (1 GB of 30), the rest compact.
+        self.assertEqual(page.bank_ends([capture]), [0x100000000, 0x8c0000000])
+        drawn = page.memory_map(capture)
+        self.assertIn("to 0x1000000000:", drawn)
+        table = drawn[drawn.index('<table id="regions"'):]
+        self.assertEqual(re.findall(r"<tr><td>([^<]*)</td>", table), ["Kernel code", "b", "a"])
+        self.assertIn("<td class=\"addr\">0x8a0000000</td><td class=\"addr\">0x8a1000000</td>", table)
+        # A pair: changes coloured by direction, unchanged figures in one line, no +0 rows.
+        figures = [{"report": "kmem", "name": "Shmem", "before": 10, "after": 14, "delta": 4},
+                   {"report": "kmem", "name": "SUnreclaim", "before": 9, "after": 5, "delta": -4},
+                   {"report": "kmem", "name": "PageTables", "before": 7, "after": 7, "delta": 0}]
+        said = page.figure_changes(figures)
+        self.assertEqual(re.findall(r'<tr class="(\w+)"', said), ["up", "down"])
+        self.assertNotIn("+0", said)
+        self.assertIn("Unchanged: kmem PageTables (7 KB)", said)
 
     def test_stacks_left_out_of_the_total_are_said(self):
         counters = [{"name": "KernelStack", "kb": 448}, {"name": "VmallocUsed", "kb": 520}]
