@@ -42,7 +42,7 @@ table{border-collapse:collapse;margin:.5em 0}td,th{border:1px solid #ccc;padding
 text-align:left}td.n,th.n{text-align:right}th[data-type]{cursor:pointer;background:#f3f3f3}
 th[data-type]:after{content:" \\2195";color:#999}
 tr.changed td{background:#fff3b0}tr.gone td{background:#e6e6e6;text-decoration:line-through}
-td.kernel{font-style:italic;color:#8a2be2}.cmdline{font-weight:bold}.unsaid{color:#a00}.note{color:#555}
+td.kernel{font-style:italic;color:#8a2be2}.cmdline{font-weight:bold;overflow-wrap:anywhere}.unsaid{color:#a00}.note{color:#555}
 .bad{color:#a00;font-weight:bold}#reboots li.reboot{color:#a00;font-weight:bold}svg{display:block;margin:.5em 0}
 .nomap{fill:#d62728}.reserved{fill:#ff7f0e}.cma{fill:#2ca02c}.cmaused{fill:#135e13}
 .initrd{fill:#9467bd}.kcode{fill:#1f77b4}.kdata{fill:#17becf}.memory{fill:#f4f4e8}
@@ -58,6 +58,10 @@ details>*{display:block}svg text{fill:#000}h2{break-after:avoid}table,figure{bre
 # numbers by value, text by text; a second time reverses. A timeline's dot says its value below
 # the chart when pointed at or focused.
 SCRIPT = """
+function value(cell) {
+  var v = cell.getAttribute('data-v');
+  return v === null ? cell.textContent : v;
+}
 function sortBy(th) {
   var table = th.closest('table'), body = table.tBodies[0];
   var col = Array.prototype.indexOf.call(th.parentNode.children, th);
@@ -67,7 +71,7 @@ function sortBy(th) {
   th.setAttribute('aria-sort', dir === 1 ? 'ascending' : 'descending');
   var rows = Array.prototype.slice.call(body.rows);
   rows.sort(function (a, b) {
-    var x = a.cells[col].textContent, y = b.cells[col].textContent;
+    var x = value(a.cells[col]), y = value(b.cells[col]);
     if (num) return dir * (Number(x) - Number(y));
     return dir * (x < y ? -1 : x > y ? 1 : 0);
   });
@@ -689,12 +693,12 @@ def chart(ident, title, xs, lines, breaks=(), moments=None):
     """A timeline: lines is [(label, values in bytes)], values None where a capture could not
     say; breaks are the indexes of the first capture after each reboot: no line runs across one,
     and a dashed mark stands there. xs never decrease (series.elapsed). moments: per capture,
-    its words (number, uptime, wall clock) for the axis and the hover readout."""
+    its words (number and uptime, wall clock) for the axis and the hover readout."""
     w, h, left, bottom = MAP_WIDTH, CHART_HEIGHT, CHART_LEFT, 34
     values = [v for _, vs in lines for v in vs if v is not None]
     if not values or not xs:
         return ""
-    moments = moments or ["capture %d" % (i + 1) for i in range(len(xs))]
+    moments = moments or [("capture %d" % (i + 1), "") for i in range(len(xs))]
     lo, hi = min(0, min(values)), max(values)
     hi = hi if hi > lo else lo + 1
     x0, x1 = xs[0], xs[-1] if xs[-1] > xs[0] else xs[0] + 1
@@ -712,7 +716,7 @@ def chart(ident, title, xs, lines, breaks=(), moments=None):
     # The time axis: each end's uptime and wall clock, as the captures say them.
     for k, anchor in ((0, "start"), (len(xs) - 1, "end")):
         x = left if anchor == "start" else w - 10
-        first, _, rest = moments[k].partition(": ")
+        first, rest = moments[k]
         out.append('<text x="%d" y="%d" font-size="11" text-anchor="%s">%s</text>'
                    '<text x="%d" y="%d" font-size="11" text-anchor="%s" fill="#555">%s</text>' % (
                        x, h - bottom + 14, anchor, text(first), x, h - bottom + 27, anchor, text(rest)))
@@ -732,8 +736,9 @@ def chart(ident, title, xs, lines, breaks=(), moments=None):
                 continue
             d.append("%s%.1f %.1f" % (pen, px(x), py(v)))
             pen = "L"
-            said = "%s, %s: %s" % (moments[k], label, human(v)) if len(lines) > 1 else \
-                "%s: %s (%d bytes)" % (moments[k], human(v), v)
+            when = ", ".join(w for w in moments[k] if w)
+            said = "%s, %s: %s (%d bytes)" % (when, label, human(v), v) if len(lines) > 1 else \
+                "%s: %s (%d bytes)" % (when, human(v), v)
             dots.append('<circle class="pt" cx="%.1f" cy="%.1f" r="%d" fill="%s" data-said="%s">'
                         '<title>%s</title></circle>' % (px(x), py(v), POINT_R, colour, text(said), text(said)))
         out.append('<path d="%s" stroke="%s" stroke-width="1.5" fill="none"><title>%s</title></path>' % (
@@ -757,20 +762,19 @@ def recording_events(doc):
 
 
 def _moments(caps, elapsed_s):
-    """Each capture in words for the time axis and the hover: its number, its uptime (and time
-    since the first capture), its wall clock."""
+    """Each capture in words for the time axis and the hover: (its number and uptime, with the
+    time since the first capture; its wall clock)."""
     out = []
     for i, c in enumerate(caps):
         t = c["time"]
         up = "uptime %.0f s" % t["uptime"] if t.get("uptime") is not None else "uptime not recorded"
         if elapsed_s is not None and i:
             up += " (+%.0f s)" % (elapsed_s[i] - elapsed_s[0])
-        out.append("capture %d, %s: %s" % (i + 1, up, _clock(t.get("wall")) or "wall clock not recorded"))
+        out.append(("capture %d, %s" % (i + 1, up), _clock(t.get("wall")) or "wall clock not recorded"))
     return out
 
 
-SHAPE_WORDS = {"growing": "growing", "step": "step (rose once and stayed)", "steady": "steady",
-               "shrinking": "shrinking"}
+SHAPE_WORDS = {"growing": "growing", "step": "step", "steady": "steady", "shrinking": "shrinking"}
 KERNEL_NOTE = ('<p class="note kernel-note">An owner of <i>kernel</i> means no process holds the buffer: '
                'a driver, or a reference passed into the kernel (a buffer queued to a device, a fence), '
                'keeps it alive. Look at the exporter and the drivers that import from it.</p>')
@@ -785,7 +789,7 @@ def _holders_html(keys, holders):
 def _rate(g):
     if g["shape"] == "step" or g.get("bytes_per_minute") is None:
         return ""
-    return "%s%s per minute" % ("+" if g["bytes_per_minute"] > 0 else "-", human(abs(g["bytes_per_minute"])))
+    return "%s%s/min" % ("+" if g["bytes_per_minute"] > 0 else "-", human(abs(g["bytes_per_minute"])))
 
 
 def verdict(doc):
@@ -805,8 +809,8 @@ def verdict(doc):
     return ('<p id="verdict" class="verdict">Growing: %d buffer%s%s of exporter %s held by %s, %s in all, '
             '%s since capture %d (%s).</p>' % (
                 g["buffers"], "" if g["buffers"] == 1 else "s", " named " + text(g["name"]) if g["name"] else "",
-                text(g["exporter"]), _holders_html(g["holders"], s["holders"]), human(g["bytes"]), _rate(g),
-                g["since"] + 1, text(_when(caps[g["since"]]["time"]))))
+                text(g["exporter"]), _holders_html(g["holders"], s["holders"]), human(g["bytes"]),
+                _rate(g).replace("/min", " per minute"), g["since"] + 1, text(_when(caps[g["since"]]["time"]))))
 
 
 def suspect_groups(doc):
@@ -817,16 +821,16 @@ def suspect_groups(doc):
     for g in sus["groups"]:
         listed = "".join("<li>buffer %d</li>" % i for i in g["inodes"])
         rows.append('<tr data-shape="%s"><td>%s</td><td>%s</td><td>%s</td><td>%s</td>'
-                    '<td class=n>%d</td><td class=n>%d</td><td>capture %d</td><td>%s</td>'
-                    '<td><details><summary>%d buffer%s</summary><ul>%s</ul></details></td></tr>' % (
+                    '<td class=n data-v="%d"><details><summary>%d</summary><ul>%s</ul></details></td>'
+                    '<td class=n data-v="%d" title="%d bytes">%s</td><td data-v="%d">capture %d</td><td>%s</td></tr>' % (
                         g["shape"], text(SHAPE_WORDS[g["shape"]]), _holders_html(g["holders"], s["holders"]),
-                        text(g["exporter"]), text(g["name"]) if g["name"] else "", g["buffers"], g["bytes"],
-                        g["since"] + 1, _rate(g) or human(g["bytes"]) + " at once", g["buffers"],
-                        "" if g["buffers"] == 1 else "s", listed))
+                        text(g["exporter"]), text(g["name"]) if g["name"] else "", g["buffers"], g["buffers"], listed,
+                        g["bytes"], g["bytes"], human(g["bytes"]), g["since"], g["since"] + 1,
+                        _rate(g) or "at once"))
     note = KERNEL_NOTE if any("kernel" in g["holders"] for g in sus["groups"]) else ""
     return ('<table id="suspects" class="groups"><thead><tr><th data-type="text">Shape</th><th data-type="text">Holder</th>'
             '<th data-type="text">Exporter</th><th data-type="text">Name</th><th class=n data-type="num">Buffers</th>'
-            '<th class=n data-type="num">Bytes</th><th data-type="text">First seen</th><th>Rate</th><th>Buffers</th></tr>'
+            '<th class=n data-type="num">Size</th><th data-type="num">First seen</th><th>Rate</th></tr>'
             '</thead><tbody>%s</tbody></table>%s' % ("".join(rows), note))
 
 
@@ -841,16 +845,21 @@ def growth_table(doc):
             return _holders_html([g["key"]], holders)
         return text(g["key"])
     rows = "".join(
-        '<tr data-shape="%s"><td>%s</td><td>%s</td><td>%s</td><td class=n>%d</td><td class=n>%d</td><td class=n>%+d</td>'
-        "<td>%s</td><td class=n>%s</td></tr>" % (
-            g["shape"], text(g["by"]), key_html(g), text(SHAPE_WORDS[g["shape"]]), g["first_bytes"], g["last_bytes"],
-            g["change_bytes"], _rate(g) or ("at capture %d" % (g["since"] + 1) if g["since"] is not None else ""),
+        '<tr data-shape="%s"><td>%s</td><td>%s</td><td>%s</td>%s%s%s<td>%s</td><td class=n>%s</td></tr>' % (
+            g["shape"], text(g["by"]), key_html(g), text(SHAPE_WORDS[g["shape"]]),
+            _bytes_cell(g["first_bytes"]), _bytes_cell(g["last_bytes"]), _bytes_cell(g["change_bytes"], "+"),
+            _rate(g) or ("at capture %d" % (g["since"] + 1) if g["since"] is not None else ""),
             "%d &rarr; %d" % (g["first_count"], g["last_count"])
             if g.get("first_count") is not None and g.get("last_count") is not None else "")
         for g in sus["growth"])
-    return ('<table id="growth"><thead><tr><th data-type="text">Grouped by</th><th data-type="text">Key</th>'
-            '<th data-type="text">Shape</th><th class=n data-type="num">First bytes</th><th class=n data-type="num">Last bytes</th>'
+    return ('<table id="growth"><thead><tr><th data-type="text">By</th><th data-type="text">Key</th>'
+            '<th data-type="text">Shape</th><th class=n data-type="num">First</th><th class=n data-type="num">Last</th>'
             '<th class=n data-type="num">Change</th><th>Rate</th><th class=n>Buffers</th></tr></thead><tbody>%s</tbody></table>' % rows)
+
+
+def _bytes_cell(n, sign=""):
+    """A size in bytes for a person, the exact bytes in its title and its sort value."""
+    return '<td class=n data-v="%d" title="%d bytes">%s%s</td>' % (n, n, "+" if sign and n > 0 else "", human(n))
 
 
 def still_counters(s, xs, breaks, moments):
@@ -959,4 +968,11 @@ def render(doc):
     else:
         h.append("<h2>The capture</h2>" + capture_sections(caps[0], "0"))
     h.append("<script>%s</script></body></html>\n" % SCRIPT)
-    return "".join(h)
+    return _scrolling("".join(h))
+
+
+def _scrolling(markup):
+    """Each table in a box of the window's width that scrolls sideways when the table is wider,
+    so a narrow window never clips the page (device text is escaped: every "<table" here is
+    the page's own)."""
+    return markup.replace("<table", '<div class="wide"><table').replace("</table>", "</table></div>")

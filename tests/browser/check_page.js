@@ -2,13 +2,15 @@
 // checks what a person would see: nothing leaves the page, no script error or dialog, the
 // memory map to scale, the DMA-BUF table sorting on a click, a recording's suspects and its
 // holders named by command line, a pair of two builds (both maps on one scale, before above
-// after, the changed regions labelled) and a recording across a reboot.
-//   node check_page.js CAPTURE.html RECORDING.html HOSTILE.html SCREENSHOT.png BUILDS.html REBOOTED.html
+// after, the changed regions labelled), a recording across a reboot, a leak's verdict and
+// groups, a timeline's value on hover, sorting by keyboard, every region named in the page's
+// text, a 760 px window and the print layout.
+//   node check_page.js CAPTURE.html RECORDING.html HOSTILE.html SCREENSHOT.png BUILDS.html REBOOTED.html LEAK.html
 'use strict';
 const path = require('path');
 const puppeteer = require('puppeteer-core');
 
-const [capturePage, recordingPage, hostilePage, screenshot, buildsPage, rebootedPage] = process.argv.slice(2);
+const [capturePage, recordingPage, hostilePage, screenshot, buildsPage, rebootedPage, leakPage] = process.argv.slice(2);
 const browserPath = process.env.CHROMIUM || '/usr/bin/chromium';
 const failures = [];
 const fail = (what) => { failures.push(what); console.log('FAIL ' + what); };
@@ -19,6 +21,9 @@ setTimeout(() => { console.log('FAIL: the browser check took more than 120 s'); 
 
 // Three regions of the sample's map and their sizes in KB (from its -s report).
 const REGIONS = { modem_region: 106496, 'linux,cma': 65536, adsp_region: 10240 };
+// Every region the sample's -s report locates.
+const ALL_REGIONS = ['sec_region', 'Kernel code', 'Kernel data', 'initrd', 'modem_region', 'adsp_region', 'gpu_region',
+  'ramoops', 'linux,cma', 'camera_cma'];
 
 async function open(browser, file, escapes) {
   const page = await browser.newPage();
@@ -68,6 +73,56 @@ async function checkCapture(page) {
   const sorted = [...before].sort((x, y) => x - y);
   if (JSON.stringify(after) !== JSON.stringify(sorted)) fail('size click: rows ' + after + ', not ' + sorted);
   if (JSON.stringify(before) === JSON.stringify(sorted)) fail('the table was sorted by size already: the click proved nothing');
+  // The same header by keyboard: it takes the focus, and Enter sorts again (the other way).
+  const focused = await page.evaluate(() => {
+    const th = Array.from(document.querySelectorAll('table.dmabuf th')).find((t) => t.textContent.startsWith('Size'));
+    th.focus();
+    return document.activeElement === th && th.tabIndex === 0;
+  });
+  if (!focused) fail('the Size header takes no keyboard focus');
+  await page.keyboard.press('Enter');
+  const byKey = await sizes();
+  if (JSON.stringify(byKey) !== JSON.stringify([...sorted].reverse())) fail('Enter on Size: rows ' + byKey);
+
+  // Every region's name in the page's text (a table cell, not a hover title), in the window
+  // and printed.
+  const named = async () => page.evaluate((names) => {
+    const cells = Array.from(document.querySelectorAll('#regions td')).filter((c) => c.offsetParent !== null)
+      .map((c) => c.innerText);
+    return names.filter((n) => !cells.includes(n) || !document.body.innerText.includes(n));
+  }, ALL_REGIONS);
+  let missing = await named();
+  if (missing.length) fail('regions not named in the page text: ' + missing);
+  await page.emulateMediaType('print');
+  missing = await named();
+  if (missing.length) fail('regions not named in print: ' + missing);
+  const printed = await page.$eval('#memory-map', (m) => m.getBoundingClientRect().width);
+  if (!(printed > 300)) fail('the map is not printed: ' + printed + ' px wide');
+  await page.emulateMediaType('screen');
+}
+
+// A 760 px window: nothing wider than the window, every drawing inside it.
+async function checkNarrow(page, name) {
+  await page.setViewport({ width: 760, height: 900 });
+  const seen = await page.evaluate(() => {
+    const width = document.documentElement.clientWidth;
+    const over = Array.from(document.querySelectorAll('svg')).filter((s) => s.getBoundingClientRect().right > width + 0.5)
+      .map((s) => s.id || s.getAttribute('class'));
+    return { width, scroll: document.documentElement.scrollWidth, over };
+  });
+  if (seen.scroll > seen.width) fail(`${name} at 760 px: the page is ${seen.scroll} px wide`);
+  if (seen.over.length) fail(`${name} at 760 px: drawings clipped: ${seen.over}`);
+  await page.setViewport({ width: 1200, height: 900 });
+}
+
+// The dot at a capture says its value when pointed at.
+async function checkHover(page, nth, want) {
+  const dots = await page.$$('#timeline-unmapped circle.pt');
+  if (dots.length <= nth) return fail('the unmapped timeline has ' + dots.length + ' dots');
+  await dots[nth].hover();
+  const said = await page.$eval('#timeline-unmapped', (svg) => svg.closest('figure').querySelector('.readout').textContent);
+  if (!want.every((w) => said.includes(w))) fail('hover on capture ' + (nth + 1) + ' says: ' + said);
+  console.log('hover: ' + said);
 }
 
 async function checkHostile(page) {
@@ -83,12 +138,35 @@ async function checkHostile(page) {
 }
 
 async function checkRecording(page) {
+  // Buffer 6 became unmapped once and stayed: a step, not a slope; and nothing grew.
   const text = await page.$eval('#suspects', (e) => e.textContent);
-  if (!/buffer 6 \(G:screenshot\)/.test(text) || !text.includes('com.example.gallery [69]')) fail('suspects: ' + text);
+  if (!text.includes('G:screenshot') || !text.includes('com.example.gallery [69]')) fail('suspects: ' + text);
+  const shapes = await page.$$eval('#suspects tbody tr', (rows) => rows.map((r) => r.getAttribute('data-shape')));
+  if (JSON.stringify(shapes) !== '["step"]') fail('the step recording\'s groups are ' + shapes);
+  const verdict = await page.$eval('#verdict', (e) => e.textContent);
+  if (!verdict.startsWith('Nothing grew')) fail('step recording verdict: ' + verdict);
+  // The total at the third capture, as its -u report prints it.
+  await checkHover(page, 2, ['capture 3', 'uptime 1120 s', '(3047424 bytes)']);
   const title = await page.$eval('#suspects .cmdline', (e) => e.title);
   if (title !== 'com.example.gallery --mode=preview') fail('the holder\'s whole command line on hover: ' + title);
   const growth = await page.$$eval('#growth tbody tr', (rows) => rows.map((r) => r.textContent));
   if (!growth.some((t) => t.includes('leaky'))) fail('growth does not name the exporter leaky: ' + growth);
+}
+
+async function checkLeak(page) {
+  const verdict = await page.$eval('#verdict', (e) => e.innerText);
+  for (const w of ['Growing: 3 buffers named G:leak', '/data/local/tmp/leak_client', 'since capture 2']) {
+    if (!verdict.includes(w)) fail('leak verdict lacks ' + w + ': ' + verdict);
+  }
+  // Three leaked buffers are one row, their inodes on demand.
+  const rows = await page.$$eval('#suspects tbody tr', (r) => r.map((x) => [x.getAttribute('data-shape'), x.cells[3].textContent]));
+  if (JSON.stringify(rows) !== '[["growing","G:leak"],["step","G:screenshot"]]') fail('leak groups: ' + JSON.stringify(rows));
+  const hidden = await page.$eval('#suspects tbody tr details', (d) => !d.innerText.includes('buffer 300'));
+  if (!hidden) fail('the group\'s buffers are listed before they are asked for');
+  await page.click('#suspects tbody tr summary');
+  const shown = await page.$eval('#suspects tbody tr details', (d) => d.innerText);
+  if (!shown.includes('buffer 300') || !shown.includes('buffer 302')) fail('the group\'s buffers: ' + shown);
+  if (!(await page.$('#timeline-group-0'))) fail('no chart of the growing group');
 }
 
 async function checkRebooted(page) {
@@ -127,7 +205,8 @@ async function checkBuilds(page) {
     }
     const ids = Array.from(document.querySelectorAll('[id]')).map((e) => e.id);
     const h2 = Array.from(document.querySelectorAll('h2')).find((h) => h.textContent === 'Reserved memory');
-    return { maps, ids, first: h2 && h2.nextElementSibling ? h2.nextElementSibling.id : null };
+    const next = h2 && h2.nextElementSibling;
+    return { maps, ids, first: next ? (next.querySelector('table') || next).id : null };
   });
   const { before, after } = seen.maps;
   if (!before || !after) return fail('builds: the page lacks a map: ' + Object.keys(seen.maps));
@@ -187,7 +266,18 @@ async function checkBuilds(page) {
     await checkHostile(await open(browser, hostilePage, escapes));
     const rec = await open(browser, recordingPage, escapes);
     await checkRecording(rec);
-    if (buildsPage) await checkBuilds(await open(browser, buildsPage, escapes));
+    await checkNarrow(one, 'capture');
+    await checkNarrow(rec, 'recording');
+    if (leakPage) {
+      const leak = await open(browser, leakPage, escapes);
+      await checkLeak(leak);
+      await checkNarrow(leak, 'leak');
+    }
+    if (buildsPage) {
+      const builds = await open(browser, buildsPage, escapes);
+      await checkBuilds(builds);
+      await checkNarrow(builds, 'builds');
+    }
     if (rebootedPage) await checkRebooted(await open(browser, rebootedPage, escapes));
   } catch (e) {
     fail('browser: ' + e.message);

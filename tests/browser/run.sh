@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The page in a real browser: builds a capture, a hostile capture, a recording and a recording
-# across a reboot from the sample tree, makes their pages and that of the lab's build-over-build
-# pair with report.py and checks them in the installed chromium (check_page.js), with the network
+# The page in a real browser: builds a capture, a hostile capture, a recording (one buffer that
+# rose once: a step), a recording across a reboot and one with a leak from the sample tree, makes
+# their pages and that of the lab's build-over-build pair with report.py and checks them in the installed chromium (check_page.js), with the network
 # refused. Needs `scripts/setup.sh browser` first (else it
 # exits 77: skipped).
 #   tests/browser/run.sh BINARY [SCREENSHOT.png]
@@ -31,15 +31,16 @@ pc.write_capture(os.path.join(work, "hostile.tar.gz"), files, pc.info(8200))
 lines = {69: b"com.example.gallery\0--mode=preview\0"}
 pc.recording(os.path.join(work, "recording"), cmdlines=lines)
 pc.recording(os.path.join(work, "rebooted"), reboot_at=3, cmdlines=lines)
+pc.recording(os.path.join(work, "leak"), leak=True, cmdlines={**lines, 68: b"/data/local/tmp/leak_client\0--leak\0"})
 PY
 for p in capture hostile; do
   /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/$p.html" "$work/$p.tar.gz"
 done
-for p in recording rebooted; do
+for p in recording rebooted leak; do
   /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/$p.html" "$work/$p"
 done
 /usr/bin/python3 "$top/snapshot/report.py" --binary "$binary" -o "$work/builds.html" \
   "$top/tests/data/builds/build1.tar.gz" "$top/tests/data/builds/build2.tar.gz"
 cd "$here"
 timeout -k 5 150 node check_page.js "$work/capture.html" "$work/recording.html" "$work/hostile.html" "$shot" \
-  "$work/builds.html" "$work/rebooted.html"
+  "$work/builds.html" "$work/rebooted.html" "$work/leak.html"

@@ -79,13 +79,14 @@ def add_buffer(files, inode, size, exporter, pid, fd):
         % (inode, size, exporter)).encode()
 
 
-def recording(folder, count=5, reboot_at=None, cmdlines=None):
+def recording(folder, count=5, reboot_at=None, cmdlines=None, leak=False):
     """A recording of count captures, 60 s apart: buffer 6 (held by pid 69) stops being mapped
     from the third capture on and stays so; exporter "leaky" holds one short-lived buffer per
     capture, 64 KB larger each time, so its unmapped bytes grow while no leaky buffer lasts.
     With reboot_at, the device reboots before that capture: the boot id changes and the boot
     clock starts again near 0 (the wall clock goes on). cmdlines: {pid: bytes} for every
-    capture."""
+    capture. With leak, pid 68 also leaks one 1 MiB buffer named "G:leak" per capture from the
+    second on, each kept to the end."""
     os.makedirs(folder, exist_ok=True)
     base = sample_files()
     names = []
@@ -97,8 +98,12 @@ def recording(folder, count=5, reboot_at=None, cmdlines=None):
             files["proc/69/maps"] = b"".join(
                 line for line in base["proc/69/maps"].splitlines(True) if not line.rstrip().endswith(b" 6                                      /dmabuf:") and b" 00:07 6 " not in line)
         add_buffer(files, 200 + i, 65536 * (i + 1), "leaky", 68, 20 + i)
+        leaked = list(range(300, 300 + i)) if leak else []
+        for k, inode in enumerate(leaked):
+            add_buffer(files, inode, 1 << 20, "system", 68, 40 + k)
         files["d/dma_buf/bufinfo"] = bufinfo_table(
-            [(524288, "system", 6, "G:screenshot"), (65536 * (i + 1), "leaky", 200 + i, None)])
+            [(524288, "system", 6, "G:screenshot"), (65536 * (i + 1), "leaky", 200 + i, None)] +
+            [(1 << 20, "system", inode, "G:leak") for inode in leaked])
         for pid, line in (cmdlines or {}).items():
             files["proc/%d/cmdline" % pid] = line
         when = info(1000 + 60 * i)

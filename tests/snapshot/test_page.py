@@ -218,7 +218,7 @@ class Page(unittest.TestCase):
         self.assertEqual(sorted(ids), sorted(set(ids)), "an element id is repeated")
         # The reserved section opens with the changes; each changed region outlined on its map.
         reserved = doc[doc.index("<h2>Reserved memory</h2>"):]
-        self.assertTrue(reserved[len("<h2>Reserved memory</h2>"):].startswith('<table id="region-changes">'))
+        self.assertTrue(reserved[len("<h2>Reserved memory</h2>"):].startswith('<div class="wide"><table id="region-changes">'))
         marked = re.findall(r'<svg id="(memory-map-\w+)"|data-region="([^"]*)" data-change="(\w+)"', doc)
         self.assertEqual([m for m in marked if m[0] or m[1]], [
             ("memory-map-before", "", ""), ("", "modem_region", "resized"),
