@@ -134,7 +134,7 @@ def _title(name, start, end, size_kb):
     return "<title>%s: 0x%x-0x%x, %d KB</title>" % (text(name), start, end, size_kb)
 
 
-STUB_WIDTH = 90  # px: a bank's part past its last memory and region, drawn compact, not to scale
+STUB_WIDTH = 100  # px: a bank's part past its last memory and region, drawn compact, not to scale
 NAME_PX = 6.6  # px per character of an 11 px region name: a name is written in place when it fits
 SCALE_STEPS = [1 << k for k in range(24, 40)]  # tick spacing candidates: 16 MB to 512 GB
 MIN_TICKS_PX = 80  # px between two ticks of a bank's scale at least
@@ -163,6 +163,28 @@ def bank_ends(captures):
     return ends
 
 
+ABOVE = 28  # px above each bank for the names of regions too narrow to carry theirs, on two lines
+ABOVE_PX = 6.0  # px per character of a 10 px name above a bank
+
+
+def _names_above(regions, y, drawn):
+    """Names of regions too narrow to hold them, above the bank on two lines with a tick down to
+    each region; biggest first, a name that finds no room on either line is left to the table."""
+    lines, out = ([], []), []
+    for x, w, name in regions:
+        width = len(reporttext.shown(name)) * ABOVE_PX + 4
+        mid = x + w / 2
+        lx = min(max(mid - width / 2, 0), drawn - width)
+        for k, taken in enumerate(lines):
+            if all(lx + width + 4 <= a or b + 4 <= lx for a, b in taken):
+                taken.append((lx, lx + width))
+                ty = y - 4 - 13 * k
+                out.append('<path d="M%.1f %d V%d" stroke="#888"/><text class="region-name above" x="%.1f" y="%d" '
+                           'font-size="10">%s</text>' % (mid, ty + 1, y + 4, lx + 2, ty - 1, text(name)))
+                break
+    return "".join(out)
+
+
 def _ticks(lo, end, scale):
     step = next((t for t in SCALE_STEPS if t * scale >= MIN_TICKS_PX), SCALE_STEPS[-1])
     return range(lo, end + 1, step), step
@@ -183,13 +205,13 @@ def memory_map(capture, ident="memory-map", marks=None, key=True, ends=None):
         used[c["area"]] = used.get(c["area"], 0) + c["kb"]
     # Changed regions are labelled under their bank, on two lines below the scale.
     row_h, gap = 36, 44 if not marks else 70
-    height = len(BANKS) * row_h + (len(BANKS) - 1) * gap + (32 if not marks else 60)
+    height = len(BANKS) * (row_h + ABOVE) + (len(BANKS) - 1) * gap + (32 if not marks else 60)
     out = ['<svg id="%s" class="memory-map" viewBox="0 0 %d %d" preserveAspectRatio="xMinYMin meet" '
            'xmlns="http://www.w3.org/2000/svg">' % (ident, MAP_WIDTH, height)]
     narrow, placed = set(), set()
     for b, ((lo, hi), end) in enumerate(zip(BANKS, ends)):
-        y = b * (row_h + gap)
-        labels, names = [], []
+        y = ABOVE + b * (row_h + gap + ABOVE)
+        labels, names, above = [], [], []
         drawn = MAP_WIDTH - (STUB_WIDTH if end < hi else 0)
         scale = drawn / (end - lo)
         out.append('<rect class="absent" x="0" y="%d" width="%d" height="%d">'
@@ -225,19 +247,22 @@ def memory_map(capture, ident="memory-map", marks=None, key=True, ends=None):
             if len(reporttext.shown(r["name"])) * NAME_PX + 6 <= w:
                 names.append('<text class="region-name" x="%.3f" y="%d" font-size="11">%s</text>' % (
                     x + 3, y + row_h - 9, text(r["name"])))
+            else:
+                above.append((x, w, r["name"]))
             if cls == "cma" and used.get(r["name"]):
                 u = min(used[r["name"]] * 1024, size)
                 out.append('<rect class="cmaused" x="%.3f" y="%d" width="%.3f" height="%d">'
                            '<title>%s in use: %d KB (its place in the area is not known)</title></rect>' % (
                                x, y + 12, max(u * scale, 1), row_h - 24, text(r["name"]), used[r["name"]]))
         out.extend(names)
+        out.append(_names_above(above, y, drawn))
         if end < hi:
-            out.append('<rect class="absent rest" x="%d" y="%d" width="%d" height="%d"><title>0x%x-0x%x: no memory '
-                       'and no region, not drawn to scale</title></rect><path d="M%d %d l6 -5 l6 10 l6 -5" '
-                       'stroke="#444" fill="none"/><text x="%d" y="%d" font-size="10" fill="#555">to 0x%x:</text>'
-                       '<text x="%d" y="%d" font-size="10" fill="#555">%s empty</text>' % (
-                           drawn + 2, y, STUB_WIDTH - 2, row_h, end, hi, drawn + 4, y + 8,
-                           drawn + 24, y + 12, hi, drawn + 24, y + 26, _size_words(hi - end)))
+            out.append('<rect class="absent rest" x="%d" y="%d" width="%d" height="%d" stroke-dasharray="3 3"><title>'
+                       '0x%x-0x%x: no memory and no region, not drawn to scale</title></rect>'
+                       '<text x="%d" y="%d" font-size="9" fill="#555">to 0x%x</text>'
+                       '<text x="%d" y="%d" font-size="9" fill="#555">%s, not to scale</text>' % (
+                           drawn + 2, y, STUB_WIDTH - 2, row_h, end, hi, drawn + 5, y + 15, hi,
+                           drawn + 5, y + 28, _size_words(hi - end)))
         ticks, step = _ticks(lo, end, scale)
         for k, t in enumerate(ticks):
             x = (t - lo) * scale
