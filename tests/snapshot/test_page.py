@@ -333,8 +333,9 @@ class Drawing(unittest.TestCase):
                                                              "start": 0x90000000, "size_kb": 8192}]}}
         drawn = page.region_changes_section(f) + page.memory_map(capture, "m", page._map_marks(f, "after"))
         self.assertNotIn("<img", drawn)
-        # The changes table, the rectangle, its title, its label, the table of regions.
-        self.assertEqual(drawn.count("&lt;img src=x onerror=alert(1)&gt;\\x1b"), 5)
+        # The changes table, the rectangle, its title, its label, its name above the bank, the
+        # table of regions.
+        self.assertEqual(drawn.count("&lt;img src=x onerror=alert(1)&gt;\\x1b"), 6)
         eq = page.equations({"total": 251628, "parts": 252128, "bp_hole": 1024, "fdt_nomap": 122880,
                              "mb_reserved": 210144, "cma_total": 81920})
         self.assertIn("differs from the published total (251628 KB) by +500 KB", eq)
@@ -348,7 +349,9 @@ class Drawing(unittest.TestCase):
         # The second bank to scale up to its memory's end (1 GB of 30), the rest compact.
         self.assertEqual(page.bank_ends([capture]), [0x100000000, 0x8c0000000])
         drawn = page.memory_map(capture)
-        self.assertIn("to 0x1000000000:", drawn)
+        self.assertIn("to 0x1000000000</text>", drawn)
+        # A region too narrow for its name is named above its bank.
+        self.assertIn('<text class="region-name above" x="2.0" y="23" font-size="10">Kernel code</text>', drawn)
         table = drawn[drawn.index('<table id="regions"'):]
         self.assertEqual(re.findall(r"<tr><td>([^<]*)</td>", table), ["Kernel code", "b", "a"])
         self.assertIn("<td class=\"addr\">0x8a0000000</td><td class=\"addr\">0x8a1000000</td>", table)
