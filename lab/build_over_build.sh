@@ -96,12 +96,12 @@ check "builds: report.py makes the pair's page and JSON" $? || cat report.err
 /usr/bin/python3 - report.json <<'EOF'
 import json, sys
 doc = json.load(open(sys.argv[1]))
-got = [(r["kind"], r["name"], r["change"], r["before"], r["after"], r["delta_kb"])
+got = [(r["kind"], r["name"], r["change"], r["before"], r["after"], r["change_bytes"] // 1024)
        for r in doc["facts"]["regions"] if r["change"] != "unchanged"]
-want = [("fdt_no-map", "modem_region", "resized", {"start": "0x8b800000", "size_kb": 106496},
-         {"start": "0x8b800000", "size_kb": 104448}, -2048),
-        ("fdt_no-map", "npu_region", "added", None, {"start": "0xc0100000", "size_kb": 8192}, 8192)]
-memory = [(m["change"], m["delta_kb"]) for m in doc["facts"]["memory"]]
+at = lambda start, kb: {"start": "0x%016x" % start, "end": "0x%016x" % (start + kb * 1024), "size_bytes": kb * 1024}
+want = [("fdt_no-map", "modem_region", "resized", at(0x8b800000, 106496), at(0x8b800000, 104448), -2048),
+        ("fdt_no-map", "npu_region", "added", None, at(0xc0100000, 8192), 8192)]
+memory = [(m["change"], m["change_bytes"] // 1024) for m in doc["facts"]["memory"]]
 ok = got == want and memory == [("added", 2048), ("cut", -8192)] and doc["board"]["same"]
 print("ok" if ok else "FAIL", "builds: the JSON's facts name the same two regions and memory changes")
 if not ok:

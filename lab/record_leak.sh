@@ -93,10 +93,13 @@ import json, sys
 path, holder, sysfs = sys.argv[1], sys.argv[2], sys.argv[3] == "1"
 growth = json.load(open(path))["suspects"]["growth"]
 want = {("exporter", "system"), ("holder", holder)} if sysfs else set()
-got = {(g["by"], g["key"]) for g in growth if g["by"] != "name"}
-names = {g["key"] for g in growth if g["by"] == "name"}
+# Schema 2: a holder is an object; the report's key for it is "[pid]comm".
+key = lambda g: "[%d]%s" % (g["holder"]["pid"], g["holder"]["comm"]) if g["by"] == "holder" else g[g["by"]]  # noqa: E731
+got = {(g["by"], key(g)) for g in growth if g["by"] != "name"}
+names = {g["name"] for g in growth if g["by"] == "name"}
 ok = (got == want and names <= {"lab-leak"}
-      and all(g["kb_per_minute"] > 0 and g["last_kb"] > g["first_kb"] for g in growth))
+      and all(g["shape"] == "growing" and g["bytes_per_minute"] > 0 and g["last_bytes"] > g["first_bytes"]
+              for g in growth))
 if not ok:
     print(f"  growth: {json.dumps(growth)}")
 sys.exit(0 if ok else 1)
