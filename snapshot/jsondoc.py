@@ -179,7 +179,8 @@ def suspects(sus, s, caps):
     return {
         "within": {"boot": sus["within"]["boot"], "first_capture": sus["within"]["first"] + 1,
                    "last_capture": sus["within"]["last"] + 1},
-        "groups": [{"holders": [_holder_of(k, known) for k in g["holders"]], "exporter": g["exporter"],
+        "groups": [{"holder": _holder_of(g["holders"][0], known),
+                    "holders": [_holder_of(k, known) for k in g["holders"]], "exporter": g["exporter"],
                     "name": g["name"], "buffers": g["buffers"], "inodes": g["inodes"], "bytes": g["bytes"],
                     "since": since(g["since"]), "shape": g["shape"], "bytes_per_minute": g["bytes_per_minute"],
                     "series_bytes": g["series"]} for g in sus["groups"]],

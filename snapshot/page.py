@@ -1,5 +1,5 @@
 """The offline page: one HTML file with its style, its drawings (inline SVG) and a few lines of
-script (table sorting) inside, so it can be attached to a bug and opened anywhere without a
+script (table sorting, by mouse or keyboard, and a timeline's value on hover) inside, so it can be attached to a bug and opened anywhere without a
 network.
 
 render(doc) draws the document report.py builds (the same one --json writes), so the page
@@ -926,6 +926,9 @@ def recording_sections(doc):
     out.append(suspect_groups(doc))
     out.append("<h3>Growth by exporter, holder and name</h3>")
     out.append(growth_table(doc))
+    if any(g["key"] == "kernel" for g in sus["growth"] if g["by"] == "holder") and \
+            not any("kernel" in g["holders"] for g in sus["groups"]):
+        out.append(KERNEL_NOTE)
     xs = s["elapsed_s"] or list(range(len(caps)))
     breaks = [r["index"] for r in doc.get("reboots", [])]
     moments = _moments(caps, s["elapsed_s"])

@@ -8,8 +8,8 @@ One capture, two (before and after) or a recording (three or more, or a folder o
 capture-NNNN.tar.gz files, taken in time order). Every figure comes from the tool's own reports,
 replayed once per capture by replay.sh; the capture itself is read only for what no report
 prints: the memory table (the map's background), the bufinfo names and the capture-info times.
-The page and the JSON are made from the same document, so the JSON holds every figure the page
-shows.
+The page and the JSON are made from the same document (the JSON in the shape of schema 2,
+jsondoc.py), so the JSON holds every figure the page shows.
 """
 import argparse
 import json
