@@ -799,6 +799,7 @@ def _moments(caps, elapsed_s):
     return out
 
 
+GROUP_CHARTS = 10  # growing groups drawn each in a chart of its own, biggest first
 SHAPE_WORDS = {"growing": "growing", "step": "step", "steady": "steady", "shrinking": "shrinking"}
 KERNEL_NOTE = ('<p class="note kernel-note">An owner of <i>kernel</i> means no process holds the buffer: '
                'a driver, or a reference passed into the kernel (a buffer queued to a device, a fence), '
@@ -940,7 +941,11 @@ def recording_sections(doc):
                    'clock\'s (none when it went back). No line runs across a reboot.</p>')
     out.append(chart("timeline-unmapped", "Unmapped DMA-BUF total", xs, [("total", s["unmapped_bytes"])], breaks,
                      moments))
-    for i, g in enumerate(x for x in sus["groups"] if x["shape"] == "growing"):
+    growing = [g for g in sus["groups"] if g["shape"] == "growing"]
+    if len(growing) > GROUP_CHARTS:
+        out.append('<p class="note">The %d biggest of %d growing groups are drawn; the table above lists '
+                   'them all.</p>' % (GROUP_CHARTS, len(growing)))
+    for i, g in enumerate(growing[:GROUP_CHARTS]):
         out.append(chart("timeline-group-%d" % i, "Growing: %s, %s, %s" % (
             ", ".join(g["holders"]), g["exporter"], g["name"] or "unnamed"), xs, [("bytes", g["series"])],
             breaks, moments))

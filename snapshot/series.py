@@ -336,12 +336,20 @@ def _groups(captures, tables, series, buffers, first):
     found = {}
     for b in buffers:
         found.setdefault(key(b), []).append(b)
+    # Each capture's rows are walked once: a recording can hold thousands of groups.
+    sums = {k: [None] * n for k in found}
+    for i in range(first, n):
+        if tables[i] is None:
+            continue
+        for k in found:
+            sums[k][i] = 0
+        for r in tables[i]["rows"]:
+            k = key(r)
+            if k in sums:
+                sums[k][i] += r["size"]
     groups = []
     for k, members in found.items():
-        values = [None] * n
-        for i in range(first, n):
-            if tables[i] is not None:
-                values[i] = sum(r["size"] for r in tables[i]["rows"] if key(r) == k)
+        values = sums[k]
         course = _course(values, series["elapsed_s"], first, n - 1)
         groups.append({"holders": list(k[0]), "exporter": k[1], "name": k[2],
                        "buffers": len(members), "inodes": sorted(b["inode"] for b in members),
