@@ -54,10 +54,59 @@ mnt=$(mktemp -d "${TMPDIR:-/tmp}/quarry-replay.XXXXXX")
 # not on the tree's tmpfs, where it would be held in memory twice.
 spill=$(mktemp -d "${QUARRY_SPILL_DIR:-/var/tmp}/quarry-spill.XXXXXX")
 trap 'rmdir "$mnt"; rm -rf "$spill"' EXIT
+# Stopped (TERM, INT, HUP), replay stops everything it started before its mount point goes:
+# timeout(1) puts each bounded step in a process group of its own, which a signal to replay's
+# group does not reach, and an unpacking still running when the mount point is removed (its
+# tmpfs then detaches) would go on writing the capture onto the disk below it. Each process is
+# found through its parent's children files (no subshell, which would be one of them), all are
+# stopped first, so that none starts another, then killed, and waited for (a few seconds at
+# most).
+below=()
+list_below() {
+  local f kid
+  local -a kids
+  for f in /proc/"$1"/task/*/children; do
+    kids=()
+    read -r -a kids <"$f" 2>/dev/null || true
+    for kid in "${kids[@]}"; do
+      below+=("$kid")
+      list_below "$kid"
+    done
+  done
+}
+stop() {
+  trap '' TERM INT HUP
+  local round pid alive
+  for round in 1 2 3; do
+    below=()
+    list_below $$
+    [ ${#below[@]} = 0 ] || kill -STOP "${below[@]}" 2>/dev/null || true
+  done
+  [ ${#below[@]} = 0 ] || kill -KILL "${below[@]}" 2>/dev/null || true
+  wait 2>/dev/null || true
+  for round in $(seq 100); do
+    alive=0
+    for pid in "${below[@]}"; do
+      # Gone, or a zombie (which holds no mount and writes nothing) about to be reaped.
+      if [ -e "/proc/$pid" ] &&
+        [ "$(sed -n 's/^State:\t\(.\).*/\1/p' "/proc/$pid/status" 2>/dev/null)" != Z ]; then
+        alive=1
+        break
+      fi
+    done
+    [ $alive = 1 ] || break
+    sleep 0.05
+  done
+  exit "$1"
+}
+trap 'stop 143' TERM
+trap 'stop 130' INT
+trap 'stop 129' HUP
 if [ "$(id -u)" -eq 0 ]; then ns=(unshare -m); else ns=(unshare -Urm); fi
 status=0
+# In the background, so that a signal's trap runs at once, not after the namespace's end.
 "${ns[@]}" bash -s -- "$top" "$mnt" "$lenient" "$seconds" "$reports" "$capture" "$binary" \
-  "$spill" "$output" "$@" <<'INNER' || status=$?
+  "$spill" "$output" "$@" <<'INNER' &
 set -euo pipefail
 top=$1 mnt=$2 lenient=$3 seconds=$4 reports=$5 capture=$6 binary=$7 spill=$8 output=$9
 shift 9
@@ -139,4 +188,5 @@ for mode in u n s; do
 done
 exit 0
 INNER
+wait $! || status=$?
 exit $status

@@ -4,7 +4,7 @@
 #   snapshot_test.sh BINARY CASE
 # The capture program is QUARRY_CAPTURE (default: quarry-capture of BINARY's build).
 # Cases: compare-lab-pair, compare-builds, compare-same, compare-unreadable, compare-device-text,
-# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound,
+# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound, stop-unpack,
 # capture-mksh, capture-info, capture-incomplete, record-mksh, record-low-space, capture-slim,
 # capture-full-disk, capture-stop, capture-live, device-archive.
 source "$(dirname "$0")/../case.sh"
@@ -432,6 +432,63 @@ time-bound)
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 30 ] || fail "--reports took $(($(date +%s) - start)) s"
   [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
+  ;;
+stop-unpack)
+  # replay.sh stopped while it unpacks a large capture (TERM; INT to its process group, as a
+  # Ctrl-C at a terminal sends it): no process of it remains, and nothing of the capture is
+  # left on the disk (an unpacking left running writes there once replay's mount point is gone).
+  # 36 MB of files that compress poorly: below the 64 MiB unpack.py holds in memory (past
+  # it, data waits on disk), read for long enough to be stopped while it reads.
+  mkdir -p "$work/tmp" "$work/spill"
+  /usr/bin/python3 - "$work/big" <<'EOF' || fail "cannot make the capture"
+import base64, os, sys
+for pid in range(1, 2001):
+    os.makedirs(os.path.join(sys.argv[1], "proc", str(pid)))
+    with open(os.path.join(sys.argv[1], "proc", str(pid), "maps"), "wb") as f:
+        f.write(base64.encodebytes(os.urandom(13500)))
+open(os.path.join(sys.argv[1], "capture-info"), "w").write("format=1\n")
+EOF
+  tar -C "$work/big" -czf "$work/big.tar.gz" . && rm -rf "$work/big"
+  size=$(stat -c %s "$work/big.tar.gz")
+  # Every process naming the capture, this grep's own left out by its pattern.
+  holders() { grep -ls "$work/big\.tar\.g[z]" /proc/[0-9]*/cmdline 2>/dev/null; }
+  for sig in TERM INT; do
+    # In a process group of its own, with INT not ignored (a script's background job ignores it).
+    TMPDIR=$work/tmp QUARRY_SPILL_DIR=$work/spill /usr/bin/python3 -c '
+import os, signal, sys
+os.setpgrp()
+signal.signal(signal.SIGINT, signal.SIG_DFL)
+os.execv(sys.argv[1], sys.argv[1:])' snapshot/replay.sh "$work/big.tar.gz" "$binary" -u >/dev/null 2>&1 &
+    replay=$!
+    # Mid-unpack: while the unpacking reads the archive (it makes the tree once it has read it
+    # whole), seen by the position of its descriptor of the capture.
+    made=0
+    for _ in $(seq 1000); do
+      for cmd in $(grep -ls "unpack\.p[y]" /proc/[0-9]*/cmdline 2>/dev/null); do
+        for fd in "${cmd%/cmdline}"/fd/*; do
+          [ "$(readlink "$fd")" = "$work/big.tar.gz" ] || continue
+          pos=$(sed -n 's/^pos:\t//p' "${cmd%/cmdline}/fdinfo/${fd##*/}" 2>/dev/null)
+          [ -n "$pos" ] && [ "$pos" -gt 0 ] && [ "$pos" -lt $((size / 2)) ] && made=1
+        done
+      done
+      [ $made = 1 ] && break
+      sleep 0.01
+    done
+    [ $made = 1 ] || { kill -KILL -- -$replay; fail "$sig: the unpacking was not seen reading the capture"; }
+    if [ $sig = TERM ]; then kill -TERM $replay; else kill -INT -- -$replay; fi
+    for _ in $(seq 100); do [ -z "$(holders)" ] && break; sleep 0.05; done
+    left=$(holders)
+    if [ -n "$left" ]; then
+      # (On the way out, wait for them, so that what they leave can be named.)
+      for _ in $(seq 600); do [ -z "$(holders)" ] && break; sleep 0.1; done
+      fail "$sig: processes remain after replay stopped ($(echo $left)); then left on disk: $(du -sh "$work/tmp" | cut -f1)"
+    fi
+    wait $replay
+    status=$?
+    left=$(find "$work/tmp" "$work/spill" -mindepth 1 | head -3)
+    [ -z "$left" ] || fail "$sig: left behind: $left (and more: $(du -sh "$work/tmp" | cut -f1))"
+    [ $status = 143 ] || [ $status = 130 ] || fail "$sig: exit status $status"
+  done
   ;;
 capture-mksh)
   static_program
