@@ -117,6 +117,10 @@ def has_control(name):
 
 def relative_name(name):
     """The member's path inside the capture, or None when it climbs out of it."""
+    rest = name[2:] if name.startswith("./") else name
+    # Most names need no splitting: no empty component, none beginning with ".".
+    if rest and rest[0] not in "./" and rest[-1] != "/" and "/." not in rest and "//" not in rest:
+        return rest
     parts = [p for p in name.split("/") if p not in ("", ".")]
     if ".." in parts:
         return None
@@ -334,8 +338,12 @@ def pax_records(payload, label):
 Member = collections.namedtuple("Member", "name kind size mode linkname")
 
 
-def members(stream, label):
-    """The archive's members, with long-name and pax headers applied."""
+def members(stream, label, known=None, seen=None):
+    """The archive's members, with long-name and pax headers applied, as (member, header):
+    header is the member's header block when it alone says what the member is (no long-name or
+    pax header before it), else None. known maps such headers of folders and files to their
+    members (from a capture read before, whose members are mostly the same): a header met
+    there is not read again. Every such header met is added to seen."""
     first = True
     long_name = long_link = None
     pax = {}
@@ -349,6 +357,13 @@ def members(stream, label):
         if block == END_BLOCK:
             stream.read(BLOCK)       # the second end-of-archive block
             return
+        if known and long_name is None and long_link is None and not pax:
+            m = known.get(block)
+            if m is not None:
+                first = False
+                seen[block] = m
+                yield m, block
+                continue
         try:
             if not checksum_ok(block):
                 raise ValueError(block)
@@ -408,9 +423,13 @@ def members(stream, label):
                              f"{MAX_WRITTEN >> 20} MiB; not a capture")
         if kind == b"\0" and name.endswith("/"):
             kind = b"5"              # a folder in the oldest tar format
+        plain = not pax and long_name is None and long_link is None
         long_name = long_link = None
         pax = {}
-        yield Member(name, kind, 0 if kind in NO_DATA else size, mode, linkname)
+        m = Member(name, kind, 0 if kind in NO_DATA else size, mode, linkname)
+        if plain and seen is not None and kind in REGULAR + (b"5",):
+            seen[block] = m
+        yield m, block if plain else None
 
 
 def copy_data(stream, fd, size):
@@ -502,7 +521,7 @@ def unpack(f, label, dest, err=sys.stderr, spill=None, kept=None):
 
     try:
         try:
-            entries = gather(stream, label, held)
+            entries = gather(stream, label, held, kept)
         except Truncated as t:
             where = "before its first member" if t.last is None else \
                 f"after member {shown(relative_name(t.last) or t.last)}"
@@ -514,8 +533,7 @@ def unpack(f, label, dest, err=sys.stderr, spill=None, kept=None):
         entries.sort(key=lambda e: e[0])
         links = set()
         decided = []
-        for _, m, data, why in entries:
-            rel = relative_name(m.name)
+        for _, m, data, why, rel in entries:
             if why == "":
                 continue
             if rel and m.kind == b"2":
@@ -557,16 +575,20 @@ def key_of(rel):
     return rel.encode("utf-8", "surrogateescape").replace(b"/", b"\0") if rel else b""
 
 
-def gather(stream, label, held):
-    """Reads the whole archive: its members as (sort key, member, data, refusal) in archive
-    order. data is held (Held) for the regular files a capture may hold and for hard links to
-    one met earlier, else None; refusal is why the member is dropped (refusal()), or None."""
+def gather(stream, label, held, kept=None):
+    """Reads the whole archive: its members as (sort key, member, data, refusal, relative name)
+    in archive order. data is held (Held) for the regular files a capture may hold and for hard
+    links to one met earlier, else None; refusal is why the member is dropped (refusal()), or
+    None. With kept (a Kept), what the capture before it taught is used (a header met there is
+    the same member, with the same name and refusal), and what this one teaches kept."""
+    known, facts = (kept.members, kept.facts) if kept is not None else ({}, {})
+    seen, learnt = {}, {}
     entries = []
     files = {}                   # key -> index in entries of the latest regular file
     written = 0
     links = 0
     last = None                  # the last member read whole
-    shapes = Shapes()
+    shapes = kept.shapes if kept is not None else Shapes()
 
     def write(size):             # counts a file to be written, before its data is read
         nonlocal written
@@ -576,19 +598,25 @@ def gather(stream, label, held):
                              f"{MAX_WRITTEN >> 20} MiB; not a capture")
 
     try:
-        for m in members(stream, label):
+        for m, header in members(stream, label, known, seen):
             if len(entries) >= MAX_MEMBERS:
                 raise Refused(2, f"replay: {shown(label)} has more than {MAX_MEMBERS} "
                                  "entries; not a capture")
-            rel = relative_name(m.name)
-            key = key_of(rel)
+            fact = facts.get(header) if header is not None else None
+            if fact is None:
+                rel = relative_name(m.name)
+                key = key_of(rel)
+                why = refusal(m, rel, m.size, shapes)
+            else:
+                rel, key, why = fact
+            if header is not None:
+                learnt[header] = (rel, key, why)
             if m.kind == b"2":
                 links += 1
                 if links > MAX_LINKS:
                     raise Refused(2, f"replay: {shown(label)} holds more than {MAX_LINKS} "
                                      "links; not a capture")
             data = None
-            why = refusal(m, rel, m.size, shapes)
             try:
                 if m.kind in REGULAR and why is None:
                     write(m.size)
@@ -604,7 +632,7 @@ def gather(stream, label, held):
                     why = f"hard link to {m.linkname}, not a file of the capture"
                 else:
                     # A copy of the file, with its mode: a hard link shares both.
-                    _, source, data, _ = entries[target]
+                    source, data = entries[target][1:3]
                     m = m._replace(size=source.size, mode=source.mode)
                     why = refusal(m, rel, m.size, shapes)
                     if why is None:
@@ -613,11 +641,13 @@ def gather(stream, label, held):
                         data = None
             if rel and data is not None:
                 files[key] = len(entries)
-            entries.append((key, m, data, why))
+            entries.append((key, m, data, why, rel))
             last = m.name
         stream.finish()
     except Cut:
         raise Truncated(last) from None
+    if kept is not None:
+        kept.members, kept.facts = seen, learnt
     return entries
 
 
@@ -721,6 +751,9 @@ class Kept:
     def __init__(self):
         self.folders = None      # folder -> [entry names]; None: the tree is not known
         self.files = {}          # file -> (mode, data)
+        # What reading a capture learns, for the next (gather()): headers and their members,
+        # headers and (relative name, sort key, refusal), the shapes of paths.
+        self.members, self.facts, self.shapes = {}, {}, Shapes()
         self.umask = os.umask(0)
         os.umask(self.umask)
 
