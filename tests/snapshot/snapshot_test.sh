@@ -4,7 +4,7 @@
 #   snapshot_test.sh BINARY CASE
 # The capture program is QUARRY_CAPTURE (default: quarry-capture of BINARY's build).
 # Cases: compare-lab-pair, compare-builds, compare-same, compare-unreadable, compare-device-text,
-# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound, stop-unpack,
+# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound, series, stop-unpack,
 # capture-mksh, capture-info, capture-incomplete, record-mksh, record-low-space, capture-slim,
 # capture-full-disk, capture-stop, capture-live, device-archive.
 source "$(dirname "$0")/../case.sh"
@@ -432,6 +432,75 @@ time-bound)
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 30 ] || fail "--reports took $(($(date +%s) - start)) s"
   [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
+  ;;
+series)
+  # A recording replayed in one session (--series, as report.py replays it), the tree kept from
+  # capture to capture, gives for each capture exactly what replaying it alone gives: processes
+  # come and go (a pid sorting amid the others, a pid reused by another program), a capture is
+  # refused midway, another is truncated.
+  mkdir "$work/base"
+  tar -xzf $pair/after.tar.gz -C "$work/base" || fail "cannot unpack the pair"
+  /usr/bin/python3 - "$work" <<'EOF' || fail "cannot make the recording"
+import os, shutil, subprocess, sys
+work = sys.argv[1]
+base = os.path.join(work, "base")
+
+def capture(n, change):
+    tree = os.path.join(work, "t%d" % n)
+    shutil.copytree(base, tree)
+    change(lambda p: os.path.join(tree, p))
+    # Members in reverse name order, as the device's tar writes them.
+    names = subprocess.run(["find", ".", "-mindepth", "1"], cwd=tree, capture_output=True,
+                           text=True, check=True).stdout.split()
+    subprocess.run(["tar", "-czf", os.path.join(work, "c%d.tar.gz" % n), "--no-recursion", "-C",
+                    tree] + sorted(names, reverse=True), check=True)
+    shutil.rmtree(tree)
+
+def gained(t):   # pid 1000 sorts before the others; a process gone; a descriptor more
+    shutil.copytree(t("proc/488"), t("proc/1000"))
+    open(t("proc/1000/comm"), "w").write("newcomer\n")
+    shutil.rmtree(t("proc/735"))
+    shutil.copy(t("proc/488/fdinfo/7"), t("proc/488/fdinfo/9"))
+
+def refused(t):
+    gained(t)
+    os.makedirs(t("etc"))
+    open(t("etc/ld.so.preload"), "w").write("/lib/x.so\n")
+
+def exited(t):
+    shutil.rmtree(t("proc/5"))
+
+def reused(t):   # pid 1000 again, another program's
+    shutil.copytree(t("proc/34"), t("proc/1000"))
+    open(t("proc/1000/comm"), "w").write("reuser\n")
+
+for n, change in enumerate((lambda t: None, gained, refused, gained, exited, reused, gained), 1):
+    capture(n, change)
+EOF
+  # The fourth is cut short.
+  head -c $(($(stat -c %s "$work/c4.tar.gz") / 2)) "$work/c4.tar.gz" >"$work/cut" && mv "$work/cut" "$work/c4.tar.gz"
+  mkdir "$work/series"
+  snapshot/replay.sh --series "$work/series" "$binary" "$work"/c{1,2,3,4,5,6,7}.tar.gz >"$work/done" ||
+    fail "--series: exit status $?"
+  [ "$(cat "$work/done")" = "$(printf '1 0\n2 0\n3 3\n4 4\n5 0\n6 0\n7 0')" ] || fail "--series said: $(cat "$work/done")"
+  for n in 1 2 3 4 5 6 7; do
+    rm -rf "$work/alone" && mkdir "$work/alone"
+    status=0
+    snapshot/replay.sh --reports "$work/alone" "$work/c$n.tar.gz" "$binary" 2>"$work/alone.err" || status=$?
+    got=$work/series/$n
+    [ "$(cat "$got/status")" = $status ] || fail "c$n: status $(cat "$got/status"), alone $status"
+    diff "$work/alone.err" "$got/replay.err" || fail "c$n: replay said otherwise"
+    diff -r -x cmdline.tar -x status -x replay.err "$work/alone" "$got" || fail "c$n: the reports differ"
+    # The command lines' archive holds the same files in the same order (dates aside).
+    if [ -f "$work/alone/files/cmdline.tar" ]; then
+      for list in -t -xO; do
+        diff <(tar $list -f "$work/alone/files/cmdline.tar") <(tar $list -f "$got/files/cmdline.tar") ||
+          fail "c$n: the command lines differ ($list)"
+      done
+    fi
+  done
+  grep -q newcomer "$work/series/2/u.out" && grep -q reuser "$work/series/6/u.out" ||
+    fail "the processes that came are not in the reports"
   ;;
 stop-unpack)
   # replay.sh stopped while it unpacks a large capture (TERM; INT to its process group, as a
