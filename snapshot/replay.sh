@@ -213,13 +213,19 @@ replay_one() {
     [ $status != 153 ] || { too_much report; return 5; }
     return $status
   fi
-  local f
+  local f size copy=()
+  local -a files=()
   for f in capture-info d/memblock/memory d/dma_buf/bufinfo; do
-    if [ -f "$tree/$f" ] && [ ! -L "$tree/$f" ] && [ "$(stat -c %s "$tree/$f")" -le $((16 << 20)) ]; then
-      mkdir -p "$(dirname "$out/files/$f")"
-      cp "$tree/$f" "$out/files/$f"
-    fi
+    [ ! -f "$tree/$f" ] || [ -L "$tree/$f" ] || files+=("$f")
   done
+  if [ ${#files[@]} -gt 0 ]; then
+    f=0
+    while read -r size; do
+      [ "$size" -gt $((16 << 20)) ] || copy+=("${files[$f]}")
+      f=$((f + 1))
+    done < <(cd "$tree" && stat -c %s -- "${files[@]}")
+    [ ${#copy[@]} = 0 ] || (mkdir -p "$out/files" && cd "$tree" && cp --parents -- "${copy[@]}" "$out/files/")
+  fi
   # Each process's command line (the page names holders by it; no report reads it): its regular
   # files of at most 64 KiB, in one archive, OUTDIR/files/cmdline.tar (a capture holds one a
   # process: a thousand files made one by one would cost more than the reports). find follows no
@@ -230,21 +236,25 @@ replay_one() {
       -size -65k -print0 | tar -c --null --verbatim-files-from --no-recursion -T - \
       -f "$out/files/cmdline.tar")
   fi
-  # The three reports run on the one tree, each bounded on its own.
+  # The three reports run on the one tree, each bounded on its own. The tool's own root
+  # (run-in-tree.sh makes it beside the tree) is kept for the next capture of the session.
   QUARRY_RUN_SECONDS=$seconds timeout -k 5 $((4 * seconds)) "${limit[@]}" \
-    "$top/scripts/run-in-tree.sh" --in-place --each "$out" "$tree" "$binary" -u -n -s \
-    </dev/null || status=$?
-  # The tool's own root (run-in-tree.sh makes it beside the tree) goes with each capture.
-  if [ -d "$tree.root" ]; then umount -R "$tree.root" && rmdir "$tree.root"; fi
+    "$top/scripts/run-in-tree.sh" --in-place --keep-root --each "$out" "$tree" "$binary" \
+    -u -n -s </dev/null || status=$?
+  local -A ran=()
   for mode in u n s; do
-    [ -f "$out/$mode.status" ] && [ "$(cat "$out/$mode.status")" != 124 ] || status=124
+    ran[$mode]=124
+    [ ! -f "$out/$mode.status" ] || read -r "ran[$mode]" <"$out/$mode.status" || true
+  done
+  for mode in u n s; do
+    [ "${ran[$mode]}" != 124 ] || status=124
   done
   if [ $status != 0 ]; then
     echo "replay: quarrystat did not finish within $seconds s on $capture; stopped" >&2
     return 124
   fi
   for mode in u n s; do
-    [ "$(cat "$out/$mode.status")" != 153 ] || { too_much "-$mode report"; return 5; }
+    [ "${ran[$mode]}" != 153 ] || { too_much "-$mode report"; return 5; }
   done
   return 0
 }
