@@ -111,7 +111,7 @@ def replay_series(captures, binary, drop_unsafe=False):
             done = 0
             for line in p.stdout:
                 fields = line.decode("ascii", "replace").split()
-                if len(fields) != 2 or int(fields[0]) != done + 1:
+                if len(fields) != 2 or fields[0] != str(done + 1) or not fields[1].isdigit():
                     break
                 folder = os.path.join(out, fields[0])
                 capture = captures[done]

@@ -57,8 +57,8 @@ if [ $series = 1 ]; then
   shift
   captures=()
   for c in "$@"; do
-    [ -f "$c" ] || { echo "replay: no such capture: $c" >&2; exit 2; }
-    captures+=("$(realpath "$c")")
+    # (One that is missing is said so in its turn, as its own replay would.)
+    if [ -f "$c" ]; then captures+=("$(realpath "$c")"); else captures+=("$c"); fi
   done
   set --
 else
@@ -277,7 +277,12 @@ for capture in "${captures[@]}"; do
   mkdir "$reports/$n"
   messages=$reports/$n/replay.err
   status=0
-  replay_one "$capture" "$reports/$n" 2>>"$messages" || status=$?
+  if [ -f "$capture" ]; then
+    replay_one "$capture" "$reports/$n" 2>>"$messages" || status=$?
+  else
+    echo "replay: no such capture: $capture" >"$messages"
+    status=2
+  fi
   echo $status >"$reports/$n/status"
   echo "$n $status"
 done
