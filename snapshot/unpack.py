@@ -794,7 +794,10 @@ class Kept:
         return folders, files
 
     def forget(self, dest):
-        """Empties dest when what it holds is not known."""
+        """Empties dest when what it holds is not known (and removes what a change that failed
+        midway left moving)."""
+        if os.path.isdir(dest + ".moving"):
+            shutil.rmtree(dest + ".moving")
         if self.folders is None or self.folders[""]:
             for name in os.listdir(dest):
                 path = os.path.join(dest, name)
