@@ -94,8 +94,10 @@ if [ "$in_place" = 1 ] && [ -f "$root.dynamic" ]; then
   for folder in proc d sys dev; do
     [ ! -d "$root/$folder" ] || binds+=("$root/$folder")
   done
-  [ ${#binds[@]} = 0 ] || umount -R "${binds[@]}"
-  rmdir "${binds[@]}" 2>/dev/null || true
+  # (A folder of the root that is no bind, where a tree without proc had the tool's own
+  # /proc entries bound, is only removed.)
+  [ ${#binds[@]} = 0 ] || umount -R "${binds[@]}" 2>/dev/null || true
+  [ ${#binds[@]} = 0 ] || rmdir "${binds[@]}" 2>/dev/null || true
 fi
 # device: the writable folder that the tool sees as its root's device folders (where the tool's
 # own /proc entries are bound in for a sanitizer build, and where --prepare runs).
