@@ -432,6 +432,25 @@ time-bound)
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 30 ] || fail "--reports took $(($(date +%s) - start)) s"
   [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
+  # In a session, an unpacking that takes too long is stopped, that capture said so (124), and
+  # the next replayed on a fresh tree, as alone.
+  # (960 MB of maps, a few seconds to unpack, about 1 MB of gzip.)
+  mkdir -p "$work/slow/proc" "$work/spill"
+  for pid in $(seq 16); do
+    mkdir "$work/slow/proc/$pid"
+    head -c $((60 << 20)) /dev/zero >"$work/slow/proc/$pid/maps"
+  done
+  tar -C "$work/slow" -I "gzip -1" -cf "$work/slow.tar.gz" . && rm -rf "$work/slow"
+  mkdir "$work/series" "$work/alone"
+  QUARRY_SPILL_DIR=$work/spill QUARRY_REPLAY_SECONDS=1 snapshot/replay.sh --series "$work/series" "$binary" \
+    "$work/slow.tar.gz" $pair/after.tar.gz >"$work/done" || fail "--series: exit status $?"
+  [ "$(cat "$work/done")" = "$(printf '1 124\n2 0')" ] || fail "--series said: $(cat "$work/done")"
+  grep -q "^replay: unpacking .*slow.tar.gz took more than 1 s; stopped" "$work/series/1/replay.err" ||
+    fail "message: $(cat "$work/series/1/replay.err")"
+  snapshot/replay.sh --reports "$work/alone" $pair/after.tar.gz "$binary" || fail "alone: exit status $?"
+  diff -r -x cmdline.tar -x status -x replay.err "$work/alone" "$work/series/2" || fail "the next capture's reports differ"
+  left=$(find "$work/tmp" "$work/spill" -mindepth 1)
+  [ -z "$left" ] || fail "--series left behind: $left"
   ;;
 series)
   # A recording replayed in one session (--series, as report.py replays it), the tree kept from
