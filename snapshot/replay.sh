@@ -177,7 +177,8 @@ unpack() { # CAPTURE MESSAGES ("-": standard error) -> ustatus
   eval "exec $to_unpacker>&- $from_unpacker<&-"
   wait "$unpacker" 2>/dev/null || true
   unpacker=""
-  rm -rf "$tree" "$tree.moving"
+  # (What it held, the tree and its spilled data, goes with it.)
+  rm -rf "$tree" "$tree.moving" "$spill"/unpacking-*
   mkdir "$tree"
 }
 # A run killed by SIGXFSZ (128 + 25) passed the output bound.
