@@ -12,7 +12,6 @@ The page and the JSON are made from the same document, so the JSON holds every f
 shows.
 """
 import argparse
-import contextlib
 import json
 import os
 import re
@@ -249,26 +248,25 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
     captures, left_out = [], []
     last_refusal = None
     rows = 0
-    # One replay session for all the captures: a recording's trees are made one from the other.
-    # (Closed when the loop ends early, which stops the session.)
-    with contextlib.closing(capturefiles.replay_series(files, binary, drop_unsafe)) as replays:
-        for f, runs in replays:
-            try:
-                captures.append(capture_entry(f, binary, drop_unsafe, runs))
-                rows += len(captures[-1]["unmapped"]["rows"])
-                if rows > MAX_ROWS:
-                    raise Refused(2, "%s: the captures up to it hold %d unmapped DMA-BUF rows, more than "
-                                  "one report holds (%d); report on fewer captures" % (
-                                      os.path.basename(f), rows, MAX_ROWS))
-            except Refused as e:
-                if rows > MAX_ROWS:
-                    raise
-                last_refusal = e
-                reason = lines_shown(e.message)
-                if not skip_refused:
-                    raise Refused(e.status, "%s: refused: %s" % (os.path.basename(f), reason))
-                warn("report: leaving out %s (status %d): %s" % (os.path.basename(f), e.status, reason))
-                left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
+    # One replay session for all the captures (a recording's trees are made one from the other);
+    # a loop left early stops it, when the generator goes.
+    for f, runs in capturefiles.replay_series(files, binary, drop_unsafe):
+        try:
+            captures.append(capture_entry(f, binary, drop_unsafe, runs))
+            rows += len(captures[-1]["unmapped"]["rows"])
+            if rows > MAX_ROWS:
+                raise Refused(2, "%s: the captures up to it hold %d unmapped DMA-BUF rows, more than "
+                              "one report holds (%d); report on fewer captures" % (
+                                  os.path.basename(f), rows, MAX_ROWS))
+        except Refused as e:
+            if rows > MAX_ROWS:
+                raise
+            last_refusal = e
+            reason = lines_shown(e.message)
+            if not skip_refused:
+                raise Refused(e.status, "%s: refused: %s" % (os.path.basename(f), reason))
+            warn("report: leaving out %s (status %d): %s" % (os.path.basename(f), e.status, reason))
+            left_out.append({"file": os.path.basename(f), "status": e.status, "reason": clean(e.message)})
     if not captures:
         raise Refused(last_refusal.status if last_refusal else 2, "no capture could be replayed")
     if recording:
