@@ -157,7 +157,24 @@ def timed(what, call):
             spent[what] += time.perf_counter() - t
     return run
 
-capturefiles.replay = timed("replays", capturefiles.replay)
+def timed_series(call):
+    def run(*args, **kwargs):
+        replays = call(*args, **kwargs)
+        try:
+            while True:
+                t = time.perf_counter()
+                try:
+                    item = next(replays)
+                except StopIteration:
+                    return
+                finally:
+                    spent["replays"] += time.perf_counter() - t
+                yield item
+        finally:
+            replays.close()
+    return run
+
+capturefiles.replay_series = timed_series(capturefiles.replay_series)
 page.render = timed("page", page.render)
 status = report.main(["--binary", binary, "-o", os.path.join(work, "page.html"), "--json", os.path.join(work, "page.json"),
                       "--trace", os.path.join(work, "trace.json"), os.path.join(work, "rec")])

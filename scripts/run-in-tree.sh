@@ -24,6 +24,9 @@
 #                    stands where a loader, an emulator or the binary looks (an
 #                    etc/ld.so.preload, a lib/, an entry named quarrystat; a proc/sys of the
 #                    tree is covered by this host's own), and the tool cannot change the tree
+#   --keep-root      with --in-place: the root is left standing for the next run on the same
+#                    tree with the same binary, which then only binds the tree's folders in
+#                    again (replay.sh --series runs the tool on one tree after another)
 #   --each OUTDIR    run the tool once per OPTION (such as -u) on the one copy, each for at most
 #                    QUARRY_RUN_SECONDS (default 120; status 124 when stopped), writing
 #                    OUTDIR/NAME.out, NAME.err and NAME.status, NAME being the option without
@@ -35,12 +38,14 @@ user=""
 prepare=""
 each=""
 in_place=0
+keep_root=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --user) user=$2; shift 2 ;;
     --prepare) prepare=$(realpath "$2"); shift 2 ;;
     --each) each=$(realpath "$2"); shift 2 ;;
     --in-place) in_place=1; shift ;;
+    --keep-root) keep_root=1; shift ;;
     *) break ;;
   esac
 done
@@ -74,10 +79,26 @@ set +e
 # that a tool killed by a signal (SIGXFSZ past QUARRY_OUTPUT_LIMIT) ends with its status alone,
 # without the shell's line about the signal (which would hold this whole script).
 { "${ns[@]}" bash -s -- "$tree" "$binary" "$root" "$user" "$prepare" "${QEMU:-}" "$vglog" "$each" \
-  "$in_place" "$@" 2>&3 3>&- <<'INNER'
+  "$in_place" "$keep_root" "$@" 2>&3 3>&- <<'INNER'
 set -euo pipefail
 tree=$1 binary=$2 root=$3 user=$4 prepare=$5 qemu=$6 valgrind=$7 each=$8 in_place=$9
-shift 9
+keep_root=${10}
+shift 10
+# A root kept by the run before: its binary (and libraries, emulator) stay, the folders of the
+# tree it bound go (they may have been replaced since); whether the binary is dynamic was noted
+# beside it.
+kept=""
+if [ "$in_place" = 1 ] && [ -f "$root.dynamic" ]; then
+  read -r kept <"$root.dynamic"
+  binds=()
+  for folder in proc d sys dev; do
+    [ ! -d "$root/$folder" ] || binds+=("$root/$folder")
+  done
+  # (A folder of the root that is no bind, where a tree without proc had the tool's own
+  # /proc entries bound, is only removed.)
+  [ ${#binds[@]} = 0 ] || umount -R "${binds[@]}" 2>/dev/null || true
+  [ ${#binds[@]} = 0 ] || rmdir "${binds[@]}" 2>/dev/null || true
+fi
 # device: the writable folder that the tool sees as its root's device folders (where the tool's
 # own /proc entries are bound in for a sanitizer build, and where --prepare runs).
 if [ "$in_place" = 0 ]; then
@@ -89,8 +110,10 @@ if [ "$in_place" = 0 ]; then
     tar -x -p -f - -C "$root"
   device=$root
 else
-  mkdir "$root"
-  mount -t tmpfs -o mode=755,nodev,nosuid quarry-root "$root"
+  if [ -z "$kept" ]; then
+    mkdir "$root"
+    mount -t tmpfs -o mode=755,nodev,nosuid quarry-root "$root"
+  fi
   for folder in proc d sys dev; do
     if [ -d "$tree/$folder" ] && [ ! -L "$tree/$folder" ]; then
       mkdir "$root/$folder"
@@ -107,7 +130,6 @@ else
   # A tree without proc still gets the tool's own /proc entries below, in the root's folder.
   [ -d "$tree/proc" ] || device=$root
 fi
-cp "$binary" "$root/quarrystat"
 # Shared libraries and the loader of a dynamic program, at their own paths.
 copy_libs() {
   ldd "$1" | grep -o '/[^ ]*' | while read -r lib; do
@@ -115,10 +137,16 @@ copy_libs() {
     cp -L "$lib" "$root$lib"
   done
 }
-dynamic=0
-if ldd "$binary" >/dev/null 2>&1; then
-  dynamic=1
-  copy_libs "$binary"
+if [ -n "$kept" ]; then
+  dynamic=$kept
+else
+  cp "$binary" "$root/quarrystat"
+  dynamic=0
+  if ldd "$binary" >/dev/null 2>&1; then
+    dynamic=1
+    copy_libs "$binary"
+  fi
+  [ "$keep_root" = 0 ] || echo $dynamic >"$root.dynamic"
 fi
 # The tree is prepared before the tool's own /proc entries are bound in, so that a script that
 # changes proc/*/maps meets only the tree's processes.
@@ -151,12 +179,12 @@ if [ -n "$valgrind" ]; then
        --track-fds=yes --log-file=/vg/log /quarrystat)
 fi
 if [ -n "$qemu" ]; then
-  cp "$qemu" "$root/qemu-user"
+  [ -n "$kept" ] || cp "$qemu" "$root/qemu-user"
   cmd=(/qemu-user /quarrystat)
 fi
 # A coverage build writes its counters (.gcda) to absolute paths under its build directory;
 # QUARRY_GCOV_DIR names that directory, bound at the same path so the counters reach the host.
-if [ -n "${QUARRY_GCOV_DIR:-}" ]; then
+if [ -n "${QUARRY_GCOV_DIR:-}" ] && [ -z "$kept" ]; then
   mkdir -p "$root$QUARRY_GCOV_DIR"
   mount --bind "$QUARRY_GCOV_DIR" "$root$QUARRY_GCOV_DIR"
 fi

@@ -5,8 +5,11 @@ the DMA-BUF debug table), taken from the same unpacking.
 import collections
 import os
 import re
+import shutil
+import signal
 import subprocess
 import tempfile
+import threading
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 MODES = ("u", "n", "s")
@@ -76,27 +79,97 @@ def replay(capture, binary, drop_unsafe=False):
                            stderr=subprocess.PIPE)
         if p.returncode != 0:
             raise ReplayError(p.returncode, _text(p.stderr))
-        runs = {}
-        for mode in MODES:
-            with open(os.path.join(out, mode + ".status")) as f:
-                status = int(f.read(16))
-            stdout = _text(read_bounded(os.path.join(out, mode + ".out"), OUTPUT_LIMIT,
-                                        f"-{mode} report", capture))
-            stderr = _text(read_bounded(os.path.join(out, mode + ".err"), OUTPUT_LIMIT,
-                                        f"-{mode} report's messages", capture))
-            runs[mode] = Run(status, stdout, stderr)
-        # What replay.sh said while unpacking (members dropped with --drop-unsafe) belongs to
-        # the capture as a whole.
-        runs["replay"] = Run(0, "", _text(p.stderr))
-        runs["files"] = {}
-        for name in FILES:
-            try:
-                runs["files"][name] = read_bounded(os.path.join(out, "files", name),
-                                                   FILE_LIMIT, name, capture)
-            except OSError:
-                runs["files"][name] = None
-        runs["cmdlines"] = read_cmdlines(os.path.join(out, "files", "cmdline.tar"))
-        return runs
+        return _reports(out, capture, _text(p.stderr))
+
+
+# A series stopped midway (its reader gone, a TERM) is given this long to stop what it started.
+STOP_SECONDS = 15
+
+
+def replay_series(captures, binary, drop_unsafe=False):
+    """replay() of each capture in turn, in one replay.sh session (replay.sh --series: one
+    namespace, one unpacking process that keeps the tree from one capture to the next): yields
+    (capture, runs) in order, runs being replay()'s result or the ReplayError it would raise.
+    Each capture's reports are read as soon as they are made, and removed once read. Closing
+    the generator early (or a TERM) stops the session and waits for it."""
+    captures = list(captures)
+    if not captures:
+        return
+    with tempfile.TemporaryDirectory(prefix="quarry-reports.") as out, \
+            tempfile.TemporaryFile(prefix="quarry-replay-err.") as err:
+        cmd = [os.path.join(HERE, "replay.sh")]
+        if drop_unsafe:
+            cmd.append("--drop-unsafe")
+        cmd += ["--series", out, binary] + captures
+        p = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=err)
+        stopped = None
+        if threading.current_thread() is threading.main_thread():
+            def stop(signum, frame):
+                raise SystemExit(128 + signum)
+            stopped = signal.signal(signal.SIGTERM, stop)
+        try:
+            done = 0
+            for line in p.stdout:
+                fields = line.decode("ascii", "replace").split()
+                if len(fields) != 2 or fields[0] != str(done + 1) or not fields[1].isdigit():
+                    break
+                folder = os.path.join(out, fields[0])
+                capture = captures[done]
+                done += 1
+                try:
+                    with open(os.path.join(folder, "replay.err"), "rb") as f:
+                        said = _text(f.read(OUTPUT_LIMIT))
+                    status = int(fields[1])
+                    runs = ReplayError(status, said) if status else _reports(folder, capture, said)
+                except ReplayError as e:
+                    runs = e
+                except OSError as e:
+                    runs = ReplayError(2, f"replay: cannot read the reports of {capture}: {e}\n")
+                shutil.rmtree(folder, ignore_errors=True)
+                yield capture, runs
+            status = p.wait()
+            if done < len(captures):
+                err.seek(0)
+                said = _text(err.read(OUTPUT_LIMIT)) or "replay: the session ended early\n"
+                for capture in captures[done:]:
+                    yield capture, ReplayError(status or 2, said)
+        finally:
+            if p.poll() is None:
+                p.terminate()
+                try:
+                    p.wait(STOP_SECONDS)
+                except subprocess.TimeoutExpired:
+                    p.kill()
+                    p.wait()
+            p.stdout.close()
+            if stopped is not None:
+                signal.signal(signal.SIGTERM, stopped)
+
+
+def _reports(out, capture, said):
+    """The runs of one capture from the folder replay.sh --reports wrote (said: what replay
+    said of it)."""
+    runs = {}
+    for mode in MODES:
+        with open(os.path.join(out, mode + ".status")) as f:
+            status = int(f.read(16))
+        stdout = _text(read_bounded(os.path.join(out, mode + ".out"), OUTPUT_LIMIT,
+                                    f"-{mode} report", capture))
+        stderr = _text(read_bounded(os.path.join(out, mode + ".err"), OUTPUT_LIMIT,
+                                    f"-{mode} report's messages", capture))
+        runs[mode] = Run(status, stdout, stderr)
+    # What replay.sh said while unpacking (members dropped with --drop-unsafe) belongs to
+    # the capture as a whole.
+    runs["replay"] = Run(0, "", said)
+    runs["files"] = {}
+    for name in FILES:
+        try:
+            runs["files"][name] = read_bounded(os.path.join(out, "files", name),
+                                               FILE_LIMIT, name, capture)
+        except OSError:
+            runs["files"][name] = None
+    runs["cmdlines"] = read_cmdlines(os.path.join(out, "files", "cmdline.tar"))
+    return runs
 
 
 # Of each process's command line (proc/PID/cmdline) the first 4 KiB are read: the kernel hands

@@ -112,10 +112,14 @@ def plausible_time(time):
     return time
 
 
-def capture_entry(path, binary, drop_unsafe):
-    """Replays one capture and parses its three reports; raises Refused."""
+def capture_entry(path, binary, drop_unsafe, runs=None):
+    """Replays one capture (unless runs holds its replay, capturefiles.replay()'s result or
+    error) and parses its three reports; raises Refused."""
     try:
-        runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
+        if runs is None:
+            runs = capturefiles.replay(path, binary, drop_unsafe=drop_unsafe)
+        elif isinstance(runs, capturefiles.ReplayError):
+            raise runs
     except capturefiles.ReplayError as e:
         raise Refused(e.status, unhosted(e.message, path))
     parsed = {}
@@ -245,9 +249,11 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
     captures, left_out = [], []
     last_refusal = None
     rows = 0
-    for f in files:
+    # One replay session for all the captures (a recording's trees are made one from the other);
+    # a loop left early stops it, when the generator goes.
+    for f, runs in capturefiles.replay_series(files, binary, drop_unsafe):
         try:
-            captures.append(capture_entry(f, binary, drop_unsafe))
+            captures.append(capture_entry(f, binary, drop_unsafe, runs))
             rows += len(captures[-1]["unmapped"]["rows"])
             if rows > MAX_ROWS:
                 raise Refused(2, "%s: the captures up to it hold %d unmapped DMA-BUF rows, more than "

@@ -40,6 +40,7 @@ import collections
 import errno
 import os
 import re
+import shutil
 import stat
 import sys
 import zlib
@@ -116,6 +117,10 @@ def has_control(name):
 
 def relative_name(name):
     """The member's path inside the capture, or None when it climbs out of it."""
+    rest = name[2:] if name.startswith("./") else name
+    # Most names need no splitting: no empty component, none beginning with ".".
+    if rest and rest[0] not in "./" and rest[-1] != "/" and "/." not in rest and "//" not in rest:
+        return rest
     parts = [p for p in name.split("/") if p not in ("", ".")]
     if ".." in parts:
         return None
@@ -146,9 +151,12 @@ class Shapes:
     def __init__(self):
         self.known = {}
 
+    # A component that is a kernel's number; each becomes a NUL in the shape (a name with a
+    # control character never reaches LOOKUP).
+    NUMBER = re.compile(r"(?:(?<=/)|^)(?:0|[1-9][0-9]{0,9})(?=/|\Z)")
+
     def __call__(self, rel, folder):
-        key = (folder,) + tuple(p if not p.isdigit() or not p.isascii() or len(p) > 10 or
-                                (p[0] == "0" and p != "0") else None for p in rel.split("/"))
+        key = (folder, self.NUMBER.sub("\0", rel))
         try:
             return self.known[key]
         except KeyError:
@@ -330,8 +338,12 @@ def pax_records(payload, label):
 Member = collections.namedtuple("Member", "name kind size mode linkname")
 
 
-def members(stream, label):
-    """The archive's members, with long-name and pax headers applied."""
+def members(stream, label, known=None, seen=None):
+    """The archive's members, with long-name and pax headers applied, as (member, header):
+    header is the member's header block when it alone says what the member is (no long-name or
+    pax header before it), else None. known maps such headers of folders and files to their
+    members (from a capture read before, whose members are mostly the same): a header met
+    there is not read again. Every such header met is added to seen."""
     first = True
     long_name = long_link = None
     pax = {}
@@ -345,6 +357,13 @@ def members(stream, label):
         if block == END_BLOCK:
             stream.read(BLOCK)       # the second end-of-archive block
             return
+        if known and long_name is None and long_link is None and not pax:
+            m = known.get(block)
+            if m is not None:
+                first = False
+                seen[block] = m
+                yield m, block
+                continue
         try:
             if not checksum_ok(block):
                 raise ValueError(block)
@@ -404,9 +423,13 @@ def members(stream, label):
                              f"{MAX_WRITTEN >> 20} MiB; not a capture")
         if kind == b"\0" and name.endswith("/"):
             kind = b"5"              # a folder in the oldest tar format
+        plain = not pax and long_name is None and long_link is None
         long_name = long_link = None
         pax = {}
-        yield Member(name, kind, 0 if kind in NO_DATA else size, mode, linkname)
+        m = Member(name, kind, 0 if kind in NO_DATA else size, mode, linkname)
+        if plain and seen is not None and kind in REGULAR + (b"5",):
+            seen[block] = m
+        yield m, block if plain else None
 
 
 def copy_data(stream, fd, size):
@@ -477,9 +500,10 @@ class Parents:
         self.folder(path.rpartition("/")[0])
 
 
-def unpack(f, label, dest, err=sys.stderr, spill=None):
+def unpack(f, label, dest, err=sys.stderr, spill=None, kept=None):
     """Unpacks the archive read from f (named label in messages) into dest; the exit status.
-    Data past MAX_HELD waits in a folder under spill (default: beside dest)."""
+    Data past MAX_HELD waits in a folder under spill (default: beside dest). With kept (a Kept),
+    dest holds the tree kept of the capture unpacked before, which is changed into this one's."""
     dest = os.path.realpath(dest)
     stream = Stream(f, label)
     held = Held(dest, spill)
@@ -497,7 +521,7 @@ def unpack(f, label, dest, err=sys.stderr, spill=None):
 
     try:
         try:
-            entries = gather(stream, label, held)
+            entries = gather(stream, label, held, kept)
         except Truncated as t:
             where = "before its first member" if t.last is None else \
                 f"after member {shown(relative_name(t.last) or t.last)}"
@@ -508,18 +532,26 @@ def unpack(f, label, dest, err=sys.stderr, spill=None):
         # The sort is stable: of two members of one name the later is still made last.
         entries.sort(key=lambda e: e[0])
         links = set()
-        for _, m, data, why in entries:
-            rel = relative_name(m.name)
+        decided = []
+        for _, m, data, why, rel in entries:
             if why == "":
                 continue
             if rel and m.kind == b"2":
                 links.add(rel)
             if links and rel and (why is None or m.kind == b"2") and through_link(links, rel):
                 why = "its path runs through a link"
+            decided.append((m, rel, data, why))
+        # The tree kept of the capture before is changed into this one's when every member
+        # can be made as planned (Kept.layout); else it is removed and this one made afresh.
+        fresh = True
+        if kept is not None:
+            plan = [(m, rel, data) for m, rel, data, why in decided if why is None]
+            fresh = not kept.change(dest, plan)
+        for m, rel, data, why in decided:
             if why is not None:
                 drop(m.name, why)
                 continue
-            if not extract(m, rel, data, dest, drop, parents):
+            if fresh and not extract(m, rel, data, dest, drop, parents):
                 continue
             if m.name.startswith("/") and not said_absolute:
                 said_absolute = True
@@ -543,16 +575,20 @@ def key_of(rel):
     return rel.encode("utf-8", "surrogateescape").replace(b"/", b"\0") if rel else b""
 
 
-def gather(stream, label, held):
-    """Reads the whole archive: its members as (sort key, member, data, refusal) in archive
-    order. data is held (Held) for the regular files a capture may hold and for hard links to
-    one met earlier, else None; refusal is why the member is dropped (refusal()), or None."""
+def gather(stream, label, held, kept=None):
+    """Reads the whole archive: its members as (sort key, member, data, refusal, relative name)
+    in archive order. data is held (Held) for the regular files a capture may hold and for hard
+    links to one met earlier, else None; refusal is why the member is dropped (refusal()), or
+    None. With kept (a Kept), what the capture before it taught is used (a header met there is
+    the same member, with the same name and refusal), and what this one teaches kept."""
+    known, facts = (kept.members, kept.facts) if kept is not None else ({}, {})
+    seen, learnt = {}, {}
     entries = []
     files = {}                   # key -> index in entries of the latest regular file
     written = 0
     links = 0
     last = None                  # the last member read whole
-    shapes = Shapes()
+    shapes = kept.shapes if kept is not None else Shapes()
 
     def write(size):             # counts a file to be written, before its data is read
         nonlocal written
@@ -562,19 +598,25 @@ def gather(stream, label, held):
                              f"{MAX_WRITTEN >> 20} MiB; not a capture")
 
     try:
-        for m in members(stream, label):
+        for m, header in members(stream, label, known, seen):
             if len(entries) >= MAX_MEMBERS:
                 raise Refused(2, f"replay: {shown(label)} has more than {MAX_MEMBERS} "
                                  "entries; not a capture")
-            rel = relative_name(m.name)
-            key = key_of(rel)
+            fact = facts.get(header) if header is not None else None
+            if fact is None:
+                rel = relative_name(m.name)
+                key = key_of(rel)
+                why = refusal(m, rel, m.size, shapes)
+            else:
+                rel, key, why = fact
+            if header is not None:
+                learnt[header] = (rel, key, why)
             if m.kind == b"2":
                 links += 1
                 if links > MAX_LINKS:
                     raise Refused(2, f"replay: {shown(label)} holds more than {MAX_LINKS} "
                                      "links; not a capture")
             data = None
-            why = refusal(m, rel, m.size, shapes)
             try:
                 if m.kind in REGULAR and why is None:
                     write(m.size)
@@ -590,7 +632,7 @@ def gather(stream, label, held):
                     why = f"hard link to {m.linkname}, not a file of the capture"
                 else:
                     # A copy of the file, with its mode: a hard link shares both.
-                    _, source, data, _ = entries[target]
+                    source, data = entries[target][1:3]
                     m = m._replace(size=source.size, mode=source.mode)
                     why = refusal(m, rel, m.size, shapes)
                     if why is None:
@@ -599,11 +641,13 @@ def gather(stream, label, held):
                         data = None
             if rel and data is not None:
                 files[key] = len(entries)
-            entries.append((key, m, data, why))
+            entries.append((key, m, data, why, rel))
             last = m.name
         stream.finish()
     except Cut:
         raise Truncated(last) from None
+    if kept is not None:
+        kept.members, kept.facts = seen, learnt
     return entries
 
 
@@ -688,8 +732,222 @@ def extract(m, rel, data, dest, drop, parents):
     raise AssertionError(m.kind)  # refusal() lets through folders and files only
 
 
+class Kept:
+    """What a session (session()) left in its tree from the capture unpacked before: each
+    folder's entries in the order they were made, each file's mode and data (None: not held, as
+    spilled data is not). A recording's captures differ little, so the next capture's tree is
+    made from this one by changing only what differs, and lists exactly as a fresh unpacking
+    makes it: a folder lists its entries in the order they were made (on a tmpfs, in the order
+    they were put in it, by a rename as by their making), and a fresh unpacking makes them in
+    byte order of their names. So a folder that gains an entry has the entries that sort after
+    it moved out and back in behind it, in order; removing an entry leaves the others' order
+    alone; a file's data is rewritten in place, which leaves its place alone."""
+
+    # Longest path (with dest) made by a change: beyond it a fresh unpacking, which names
+    # paths as it meets them, decides; a name beyond NAME_MAX alike.
+    MAX_PATH = 3800
+    NAME_MAX = 255
+
+    def __init__(self):
+        self.folders = None      # folder -> [entry names]; None: the tree is not known
+        self.files = {}          # file -> (mode, data)
+        # What reading a capture learns, for the next (gather()): headers and their members,
+        # headers and (relative name, sort key, refusal), the shapes of paths.
+        self.members, self.facts, self.shapes = {}, {}, Shapes()
+        self.umask = os.umask(0)
+        os.umask(self.umask)
+
+    def layout(self, dest, plan):
+        """The tree plan makes, as (folders, files) like self's, or None when its members do not
+        all fit one tree (a file named twice, a file where a folder stands, a name too long): a
+        fresh unpacking then decides which are dropped."""
+        folders, files = {"": []}, {}
+        limit = self.MAX_PATH - len(dest.encode("utf-8", "surrogateescape"))
+
+        def too_long(text, most):  # (a character is at most 4 bytes)
+            return len(text) > most // 4 and len(text.encode("utf-8", "surrogateescape")) > most
+
+        def folder(path):
+            """Whether the folders up to path fit, each made at its first mention."""
+            if path in folders:
+                return True
+            parent, _, name = path.rpartition("/")
+            if path in files or too_long(name, self.NAME_MAX) or not folder(parent):
+                return False
+            folders[parent].append(name)
+            folders[path] = []
+            return True
+
+        for m, rel, data in plan:
+            parent, _, name = rel.rpartition("/")
+            if too_long(rel, limit) or not folder(parent):
+                return None
+            if m.kind == b"5":
+                if not folder(rel):
+                    return None
+            elif rel in files or rel in folders or too_long(name, self.NAME_MAX):
+                return None
+            else:
+                folders[parent].append(name)
+                files[rel] = (m.mode & 0o777 & ~self.umask,
+                              data if isinstance(data, bytes) else None, data)
+        return folders, files
+
+    def forget(self, dest):
+        """Empties dest when what it holds is not known (and removes what a change that failed
+        midway left moving)."""
+        if os.path.isdir(dest + ".moving"):
+            shutil.rmtree(dest + ".moving")
+        if self.folders is None or self.folders[""]:
+            for name in os.listdir(dest):
+                path = os.path.join(dest, name)
+                if os.path.isdir(path) and not os.path.islink(path):
+                    shutil.rmtree(path)
+                else:
+                    os.unlink(path)
+        self.folders, self.files = {"": []}, {}
+
+    def change(self, dest, plan):
+        """Changes dest into the tree plan makes; False when a fresh unpacking must make it
+        (dest is then empty)."""
+        want = self.layout(dest, plan)
+        if want is None or self.folders is None:
+            self.forget(dest)
+            # A plan that fits one tree is made whole by the fresh unpacking.
+            self.folders, self.files = (None, {}) if want is None else want
+            return False
+        folders, files = want
+        old_folders, old_files, self.folders = self.folders, self.files, None
+        # What is gone, or changed from folder to file or back, is removed whole (the highest
+        # such entry only).
+        turned = (old_folders.keys() & files.keys()) | (old_files.keys() & folders.keys())
+        gone = (old_files.keys() - files.keys()) | (old_folders.keys() - folders.keys())
+        removed = set()
+        for rel in sorted(gone | turned):
+            parts = rel.split("/")
+            if any("/".join(parts[:k]) in removed for k in range(1, len(parts))):
+                continue
+            removed.add(rel)
+            if rel in old_folders:
+                shutil.rmtree(os.path.join(dest, rel))
+            else:
+                os.unlink(os.path.join(dest, rel))
+        touched = {rel.rpartition("/")[0] for rel in turned}
+        made = set()
+        moving = dest + ".moving"
+        for folder, names in folders.items():
+            before = old_folders.get(folder)
+            if before == names and folder not in touched:
+                continue
+            path = os.path.join(dest, folder) if folder else dest
+            kept = set()
+            for name in before or ():
+                rel = folder + "/" + name if folder else name
+                if rel not in turned and rel not in gone:
+                    kept.add(name)
+            first = next((i for i, n in enumerate(names) if n not in kept), None)
+            if first is None:
+                continue
+            behind = [n for n in names[first:] if n in kept]
+            if behind:
+                os.mkdir(moving, 0o700)
+                for name in behind:
+                    os.rename(os.path.join(path, name), os.path.join(moving, name))
+            for name in names[first:]:
+                rel = folder + "/" + name if folder else name
+                target = os.path.join(path, name)
+                if name in kept:
+                    os.rename(os.path.join(moving, name), target)
+                elif rel in folders:
+                    os.mkdir(target, 0o755)
+                else:
+                    made.add(rel)
+                    mode, _, data = files[rel]
+                    fd = os.open(target, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW,
+                                 mode)
+                    try:
+                        write_data(fd, data)
+                    finally:
+                        os.close(fd)
+            if behind:
+                os.rmdir(moving)
+        # A kept file whose data or mode changed is rewritten where it stands.
+        for rel, (mode, held, data) in files.items():
+            if rel in made:
+                continue
+            before = old_files[rel]
+            if held is not None and held == before[1] and mode == before[0]:
+                continue
+            fd = os.open(os.path.join(dest, rel), os.O_WRONLY | os.O_TRUNC | os.O_NOFOLLOW)
+            try:
+                if before[0] != mode:
+                    os.fchmod(fd, mode)
+                write_data(fd, data)
+            finally:
+                os.close(fd)
+        self.folders, self.files = folders, files
+        return True
+
+
+def read_field(fd):
+    """The next NUL-terminated field of fd (at most PATH_MAX bytes), or None at its end."""
+    out = bytearray()
+    while True:
+        byte = os.read(fd, 1)
+        if not byte:
+            return None
+        if byte == b"\0":
+            return os.fsdecode(bytes(out))
+        out += byte
+        if len(out) > PATH_MAX:
+            return None
+
+
+def session(dest, spill):
+    """Unpacks one capture after another into dest (an empty folder), as replay.sh asks on
+    standard input (each request a capture's path and where its messages go, "-" for standard
+    error, each NUL-terminated), and answers each with its exit status, a line on standard
+    output, once the tree is that capture's. The tree is kept from one to the next (Kept)."""
+    kept = Kept()
+    while True:
+        capture = read_field(0)
+        messages = read_field(0) if capture is not None else None
+        if messages is None:
+            return 0
+        status = 2
+        try:
+            err = sys.stderr if messages == "-" else open(messages, "a", encoding="utf-8",
+                                                         errors="surrogateescape")
+            try:
+                with open(capture, "rb") as f:
+                    status = unpack(f, capture, dest, err, spill, kept)
+            except OSError as e:
+                print(f"replay: cannot unpack {shown(capture)}: {shown(str(e))}", file=err)
+            finally:
+                if err is not sys.stderr:
+                    err.close()
+            if status == 2:
+                kept.forget(dest)
+        except Exception as e:  # noqa: BLE001 -- one line, and a tree made afresh next time
+            print(f"replay: cannot unpack {shown(capture)}: {shown(repr(e))}", file=sys.stderr)
+            status = 2
+            try:
+                kept.folders = None
+                kept.forget(dest)
+            except OSError:
+                return 2
+        sys.stdout.write(f"{status}\n")
+        sys.stdout.flush()
+
+
 def main():
     args = sys.argv[1:]
+    if len(args) in (2, 4) and args[0] == "--session":
+        spill = args[2] if len(args) == 4 and args[1] == "--spill" else None
+        if len(args) == 4 and spill is None:
+            print("usage: unpack.py --session [--spill FOLDER] DEST", file=sys.stderr)
+            return 2
+        return session(args[-1], spill)
     spill = None
     if len(args) == 4 and args[0] == "--spill":
         spill, args = args[1], args[2:]

@@ -4,7 +4,7 @@
 #   snapshot_test.sh BINARY CASE
 # The capture program is QUARRY_CAPTURE (default: quarry-capture of BINARY's build).
 # Cases: compare-lab-pair, compare-builds, compare-same, compare-unreadable, compare-device-text,
-# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound,
+# compare-binary, truncated, hostile, hostile-names, hostile-root, bounds, time-bound, series, stop-unpack,
 # capture-mksh, capture-info, capture-incomplete, record-mksh, record-low-space, capture-slim,
 # capture-full-disk, capture-stop, capture-live, device-archive.
 source "$(dirname "$0")/../case.sh"
@@ -432,6 +432,158 @@ time-bound)
   grep -q "^replay: quarrystat did not finish within 2 s" "$work/err" || fail "message: $(cat "$work/err")"
   [ $(($(date +%s) - start)) -lt 30 ] || fail "--reports took $(($(date +%s) - start)) s"
   [ -z "$(ls -A "$work/tmp")" ] || fail "--reports left behind: $(ls -A "$work/tmp")"
+  # In a session, an unpacking that takes too long is stopped, that capture said so (124), and
+  # the next replayed on a fresh tree, as alone.
+  # (960 MB of maps, a few seconds to unpack, about 1 MB of gzip.)
+  mkdir -p "$work/slow/proc" "$work/spill"
+  for pid in $(seq 16); do
+    mkdir "$work/slow/proc/$pid"
+    head -c $((60 << 20)) /dev/zero >"$work/slow/proc/$pid/maps"
+  done
+  tar -C "$work/slow" -I "gzip -1" -cf "$work/slow.tar.gz" . && rm -rf "$work/slow"
+  mkdir "$work/series" "$work/alone"
+  QUARRY_SPILL_DIR=$work/spill QUARRY_REPLAY_SECONDS=1 snapshot/replay.sh --series "$work/series" "$binary" \
+    "$work/slow.tar.gz" $pair/after.tar.gz >"$work/done" || fail "--series: exit status $?"
+  [ "$(cat "$work/done")" = "$(printf '1 124\n2 0')" ] || fail "--series said: $(cat "$work/done")"
+  grep -q "^replay: unpacking .*slow.tar.gz took more than 1 s; stopped" "$work/series/1/replay.err" ||
+    fail "message: $(cat "$work/series/1/replay.err")"
+  snapshot/replay.sh --reports "$work/alone" $pair/after.tar.gz "$binary" || fail "alone: exit status $?"
+  diff -r -x cmdline.tar -x status -x replay.err "$work/alone" "$work/series/2" || fail "the next capture's reports differ"
+  left=$(find "$work/tmp" "$work/spill" -mindepth 1)
+  [ -z "$left" ] || fail "--series left behind: $left"
+  ;;
+series)
+  # A recording replayed in one session (--series, as report.py replays it), the tree kept from
+  # capture to capture, gives for each capture exactly what replaying it alone gives: processes
+  # come and go (a pid sorting amid the others, a pid reused by another program), a capture is
+  # refused midway, another is truncated.
+  mkdir "$work/base"
+  tar -xzf $pair/after.tar.gz -C "$work/base" || fail "cannot unpack the pair"
+  /usr/bin/python3 - "$work" <<'EOF' || fail "cannot make the recording"
+import os, shutil, subprocess, sys
+work = sys.argv[1]
+base = os.path.join(work, "base")
+
+def capture(n, change):
+    tree = os.path.join(work, "t%d" % n)
+    shutil.copytree(base, tree)
+    change(lambda p: os.path.join(tree, p))
+    # Members in reverse name order, as the device's tar writes them.
+    names = subprocess.run(["find", ".", "-mindepth", "1"], cwd=tree, capture_output=True,
+                           text=True, check=True).stdout.split()
+    subprocess.run(["tar", "-czf", os.path.join(work, "c%d.tar.gz" % n), "--no-recursion", "-C",
+                    tree] + sorted(names, reverse=True), check=True)
+    shutil.rmtree(tree)
+
+def gained(t):   # pid 1000 sorts before the others; a process gone; a descriptor more
+    shutil.copytree(t("proc/488"), t("proc/1000"))
+    open(t("proc/1000/comm"), "w").write("newcomer\n")
+    shutil.rmtree(t("proc/735"))
+    shutil.copy(t("proc/488/fdinfo/7"), t("proc/488/fdinfo/9"))
+
+def refused(t):
+    gained(t)
+    os.makedirs(t("etc"))
+    open(t("etc/ld.so.preload"), "w").write("/lib/x.so\n")
+
+def exited(t):
+    shutil.rmtree(t("proc/5"))
+
+def reused(t):   # pid 1000 again, another program's
+    shutil.copytree(t("proc/34"), t("proc/1000"))
+    open(t("proc/1000/comm"), "w").write("reuser\n")
+
+for n, change in enumerate((lambda t: None, gained, refused, gained, exited, reused, gained), 1):
+    capture(n, change)
+EOF
+  # The fourth is cut short.
+  head -c $(($(stat -c %s "$work/c4.tar.gz") / 2)) "$work/c4.tar.gz" >"$work/cut" && mv "$work/cut" "$work/c4.tar.gz"
+  mkdir "$work/series"
+  snapshot/replay.sh --series "$work/series" "$binary" "$work"/c{1,2,3,4,5,6,7}.tar.gz >"$work/done" ||
+    fail "--series: exit status $?"
+  [ "$(cat "$work/done")" = "$(printf '1 0\n2 0\n3 3\n4 4\n5 0\n6 0\n7 0')" ] || fail "--series said: $(cat "$work/done")"
+  for n in 1 2 3 4 5 6 7; do
+    rm -rf "$work/alone" && mkdir "$work/alone"
+    status=0
+    snapshot/replay.sh --reports "$work/alone" "$work/c$n.tar.gz" "$binary" 2>"$work/alone.err" || status=$?
+    got=$work/series/$n
+    [ "$(cat "$got/status")" = $status ] || fail "c$n: status $(cat "$got/status"), alone $status"
+    diff "$work/alone.err" "$got/replay.err" || fail "c$n: replay said otherwise"
+    diff -r -x cmdline.tar -x status -x replay.err "$work/alone" "$got" || fail "c$n: the reports differ"
+    # The command lines' archive holds the same files in the same order (dates aside).
+    if [ -f "$work/alone/files/cmdline.tar" ]; then
+      for list in -t -xO; do
+        diff <(tar $list -f "$work/alone/files/cmdline.tar") <(tar $list -f "$got/files/cmdline.tar") ||
+          fail "c$n: the command lines differ ($list)"
+      done
+    fi
+  done
+  grep -q newcomer "$work/series/2/u.out" && grep -q reuser "$work/series/6/u.out" ||
+    fail "the processes that came are not in the reports"
+  ;;
+stop-unpack)
+  # replay.sh stopped while it unpacks a large capture (TERM; INT to its process group, as a
+  # Ctrl-C at a terminal sends it): no process of it remains, and nothing of the capture is
+  # left on the disk (an unpacking left running writes there once replay's mount point is gone).
+  # 36 MB of files that compress poorly: below the 64 MiB unpack.py holds in memory (past
+  # it, data waits on disk), read for long enough to be stopped while it reads.
+  mkdir -p "$work/tmp" "$work/spill"
+  /usr/bin/python3 - "$work/big" <<'EOF' || fail "cannot make the capture"
+import base64, os, sys
+for pid in range(1, 2001):
+    os.makedirs(os.path.join(sys.argv[1], "proc", str(pid)))
+    with open(os.path.join(sys.argv[1], "proc", str(pid), "maps"), "wb") as f:
+        f.write(base64.encodebytes(os.urandom(13500)))
+open(os.path.join(sys.argv[1], "capture-info"), "w").write("format=1\n")
+EOF
+  tar -C "$work/big" -czf "$work/big.tar.gz" . && rm -rf "$work/big"
+  size=$(stat -c %s "$work/big.tar.gz")
+  # Every process naming the capture, this grep's own left out by its pattern.
+  holders() { grep -ls "$work/big\.tar\.g[z]" /proc/[0-9]*/cmdline 2>/dev/null; }
+  for run in "TERM replay" "INT replay" "TERM report" "INT report"; do
+    sig=${run% *}
+    if [ "${run#* }" = replay ]; then
+      cmd=(snapshot/replay.sh "$work/big.tar.gz" "$binary" -u)
+    else
+      cmd=(/usr/bin/python3 snapshot/report.py --binary "$binary" -o "$work/page.html" "$work/big.tar.gz")
+    fi
+    # In a process group of its own, with INT not ignored (a script's background job ignores it).
+    TMPDIR=$work/tmp QUARRY_SPILL_DIR=$work/spill /usr/bin/python3 -c '
+import os, signal, sys
+os.setpgrp()
+signal.signal(signal.SIGINT, signal.SIG_DFL)
+os.execv(sys.argv[1], sys.argv[1:])' "${cmd[@]}" >/dev/null 2>&1 &
+    replay=$!
+    # Mid-unpack: while the unpacking reads the archive (it makes the tree once it has read it
+    # whole), seen by the position of its descriptor of the capture.
+    made=0
+    for _ in $(seq 1000); do
+      for cmd in $(grep -ls "unpack\.p[y]" /proc/[0-9]*/cmdline 2>/dev/null); do
+        for fd in "${cmd%/cmdline}"/fd/*; do
+          [ "$(readlink "$fd")" = "$work/big.tar.gz" ] || continue
+          pos=$(sed -n 's/^pos:\t//p' "${cmd%/cmdline}/fdinfo/${fd##*/}" 2>/dev/null)
+          [ -n "$pos" ] && [ "$pos" -gt 0 ] && [ "$pos" -lt $((size / 2)) ] && made=1
+        done
+      done
+      [ $made = 1 ] && break
+      sleep 0.01
+    done
+    [ $made = 1 ] || { kill -KILL -- -$replay; fail "$run: the unpacking was not seen reading the capture"; }
+    if [ $sig = TERM ]; then kill -TERM $replay; else kill -INT -- -$replay; fi
+    for _ in $(seq 100); do [ -z "$(holders)" ] && break; sleep 0.05; done
+    left=$(holders)
+    if [ -n "$left" ]; then
+      # (On the way out, wait for them, so that what they leave can be named.)
+      for _ in $(seq 600); do [ -z "$(holders)" ] && break; sleep 0.1; done
+      fail "$run: processes remain after it stopped ($(echo $left)); then left on disk: $(du -sh "$work/tmp" | cut -f1)"
+    fi
+    wait $replay
+    status=$?
+    left=$(find "$work/tmp" "$work/spill" -mindepth 1 | head -3)
+    [ -z "$left" ] || fail "$run: left behind: $left (and more: $(du -sh "$work/tmp" | cut -f1))"
+    [ $status != 0 ] || fail "$run: exit status 0"
+    [ ! -e "$work/page.html" ] || fail "$run: a page was written"
+  done
   ;;
 capture-mksh)
   static_program

@@ -335,6 +335,84 @@ class Order(Unpacking):
         self.assertEqual([n for n in os.listdir(self.tmp) if ".unpacking-" in n], [])
 
 
+class Session(unittest.TestCase):
+    """A session keeps its tree from capture to capture: after each, the tree is the one a
+    fresh unpacking makes, to each folder's order of listing, each file's data and mode."""
+
+    def setUp(self):
+        anything_goes(self)
+        # On a tmpfs a folder lists its entries in the order they were put in it, as replay's.
+        self.tmp = tempfile.mkdtemp(dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
+        self.addCleanup(shutil.rmtree, self.tmp)
+
+    def tree(self, root):
+        """Every entry under root in listing order: (path, mode, data or None for a folder)."""
+        out = []
+        for name in os.listdir(root):
+            path = os.path.join(root, name)
+            st = os.lstat(path)
+            if stat.S_ISDIR(st.st_mode):
+                out.append((name, st.st_mode, None))
+                out += [(name + "/" + p, m, d) for p, m, d in self.tree(path)]
+            else:
+                with open(path, "rb") as f:
+                    out.append((name, st.st_mode, f.read()))
+        return out
+
+    def test_each_tree_is_a_fresh_unpackings(self):
+        def capture(pids, extra=(), comm=b"app\n", maps_mode=0o644):
+            entries = [entry("./capture-info", data=b"format=1\n")]
+            for pid in pids:
+                entries.append(entry(f"./proc/{pid}/comm", data=comm + str(pid).encode()))
+                entries.append(entry(f"./proc/{pid}/maps", data=b"/dmabuf %d\n" % pid,
+                                     mode=maps_mode))
+                entries.append(entry(f"./proc/{pid}/fdinfo/", tarfile.DIRTYPE))
+            return entries + list(extra)
+        fd = lambda pid, n: entry(f"./proc/{pid}/fdinfo/{n}", data=b"exp_name:\tsystem\n")
+        recording = [
+            capture([1, 2, 10], [fd(2, 5)]),
+            # Entries gained amid others (15 sorts between 10 and 2), data and modes changed.
+            capture([1, 15, 2, 10], [fd(2, 5), fd(2, 40), fd(2, 100)], comm=b"new\n",
+                    maps_mode=0o600),
+            # A process gone, its pid reused by another; a folder become a file.
+            capture([1, 15, 10], [entry("./proc/2", data=b"now a file")]),
+            capture([2, 10, 3], [fd(2, 7), entry("./proc/15/x/", tarfile.DIRTYPE)]),
+            # A file named twice, and a file where a folder stands: a fresh unpacking decides.
+            capture([2, 3], [entry("./proc/3/comm", data=b"second"),
+                             entry("./proc/3/comm/x", data=b"under a file")]),
+            capture([2, 3, 4]),
+            # Refused entries (status 3), a truncated capture (4), an unreadable one (2).
+            capture([2, 4, 5], [entry("./proc/9", tarfile.SYMTYPE, linkname="/etc")]),
+            b"truncated",
+            b"not a capture",
+            capture([5, 1]),
+            capture([5, 1, 11], [fd(11, 3)]),
+        ]
+        kept = unpack.Kept()
+        session = os.path.join(self.tmp, "session")
+        os.mkdir(session)
+        for n, archive in enumerate(recording):
+            if isinstance(archive, list):
+                archive = build(archive)
+            elif archive == b"truncated":
+                archive = build(capture([6, 7]))
+                archive = gzip.compress(gzip.decompress(archive)[:3000])
+            fresh = tempfile.mkdtemp(dir=self.tmp)
+            err_fresh, err_session = io.StringIO(), io.StringIO()
+            status = unpack.unpack(io.BytesIO(archive), "c.tar.gz", fresh, err_fresh)
+            with self.subTest(capture=n):
+                got = unpack.unpack(io.BytesIO(archive), "c.tar.gz", session, err_session,
+                                    kept=kept)
+                if got == 2:
+                    kept.forget(session)  # as session() does
+                self.assertEqual(got, status)
+                self.assertEqual(err_session.getvalue(), err_fresh.getvalue())
+                if status in (0, 3):
+                    self.assertEqual(self.tree(session), self.tree(fresh))
+            shutil.rmtree(fresh)
+        self.assertEqual(sorted(os.listdir(self.tmp)), ["session"])  # nothing beside the tree
+
+
 class Members(unittest.TestCase):
     """A capture holds what capture/members.txt lists, in the shapes a device gives it."""
 
