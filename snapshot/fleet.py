@@ -288,19 +288,7 @@ def write_cache(cache, key, binary_key, rows):
     capture, buffers, regions, counters = rows
     head = {"version": CACHE_VERSION, "binary": binary_key, "capture": capture,
             "counts": [len(buffers), len(regions), len(counters)]}
-    fd, temp = tempfile.mkstemp(dir=cache, prefix=".%s." % key, suffix=".tmp")
-    try:
-        with os.fdopen(fd, "w", encoding="utf-8") as f:
-            f.write(dumps(head) + "\n")
-            for row in buffers + regions + counters:
-                f.write(dumps(row) + "\n")
-        os.replace(temp, cache_path(cache, key))
-    except BaseException:
-        try:
-            os.unlink(temp)
-        except OSError:
-            pass
-        raise
+    write_atomic(cache_path(cache, key), (dumps(row) + "\n" for row in [head] + buffers + regions + counters))
 
 
 def _work(task):
@@ -401,11 +389,14 @@ def load_index(path):
         return {}
 
 
-def write_atomic(path, text):
-    fd, temp = tempfile.mkstemp(dir=os.path.dirname(path), prefix="." + os.path.basename(path) + ".")
+def write_atomic(path, lines):
+    """Writes lines (str) beside path first and renames the file over path. The name in between,
+    ".NAME.*.tmp", is one the next run removes when a stopped run leaves it."""
+    fd, temp = tempfile.mkstemp(dir=os.path.dirname(path), prefix="." + os.path.basename(path) + ".",
+                                suffix=".tmp")
     try:
         with os.fdopen(fd, "w", encoding="utf-8") as f:
-            f.write(text)
+            f.writelines(lines)
         os.replace(temp, path)
     except BaseException:
         try:
@@ -517,9 +508,9 @@ def _export(binary, out, cache, paths, jobs, stream):
                 pool.join()
         finally:
             shutil.rmtree(scratch, ignore_errors=True)
-    write_atomic(index_path, json.dumps(
+    write_atomic(index_path, [json.dumps(
         {os.path.realpath(p): d[1] + [d[0]] for p, d in zip(paths, done) if d[0] and d[1]},
-        sort_keys=True))
+        sort_keys=True)])
     # One row per capture: the same archive under a second name is the first name's row.
     entries, seen = [], set()
     for p, (key, stamp, status, row) in zip(paths, done):
