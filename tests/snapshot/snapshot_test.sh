@@ -285,13 +285,14 @@ PY
     fail "one report: exit status $status: $(cat "$work/err")"
   [ "$(stat -c %s "$work/out")" -le 300 ] || fail "one report: $(stat -c %s "$work/out") bytes written"
   check 5 "$too_much" snapshot/compare.sh $pair/after.tar.gz $pair/before.tar.gz "$binary"
-  check 5 "report.py: after.tar.gz: refused: replay: refusing after.tar.gz: its -u report passed 300" \
+  check 5 "report.py: after.tar.gz: refused (status 5): its -u report passed 300" \
     snapshot/report.py --binary "$binary" --json "$work/r.json" $pair/after.tar.gz
+  [ "$(wc -l <"$work/err")" = 1 ] || fail "report.py: $(cat "$work/err")"
   unset QUARRY_REPLAY_OUTPUT
   check 2 "compare: cannot read $work/digits.tar.gz: its -s report is malformed: a number of 5000 digits" \
     snapshot/compare.sh $pair/before.tar.gz "$work/digits.tar.gz" "$binary"
   [ "$(wc -l <"$work/err")" = 1 ] || fail "compare: $(cat "$work/err")"
-  check 2 "report.py: digits.tar.gz: refused: its -s report is malformed: a number of 5000 digits" \
+  check 2 "report.py: digits.tar.gz: refused (status 2): its -s report is malformed: a number of 5000 digits" \
     snapshot/report.py --binary "$binary" --json "$work/r.json" "$work/digits.tar.gz"
   [ "$(wc -l <"$work/err")" = 1 ] || fail "report.py: $(cat "$work/err")"
   [ -e "$work/r.json" ] && fail "report.py wrote a refused report"

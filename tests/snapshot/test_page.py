@@ -1,6 +1,7 @@
 """report.py end to end on small captures (the built tool replays them), and the page's
 drawing of what the tool could not say or did not add up."""
 import html
+import io
 import json
 import os
 import re
@@ -173,22 +174,30 @@ class Page(unittest.TestCase):
             fifo = tarfile.TarInfo("./proc/meminfo2")
             fifo.type = tarfile.FIFOTYPE
             tout.addfile(fifo)
+            for name in ("./etc/ld.so.preload", "./lib/libx.so", "./a/x\x1b]0;y\x07", "./a/" + "z" * 3000):
+                tout.addfile(tarfile.TarInfo(name), io.BytesIO())
         with open(self.path("p.html"), "w") as f:
             f.write("old page")
         status, err = report("-o", self.path("p.html"), good, self.path("bad.tar.gz"), good)
         self.assertEqual(status, 3)
-        self.assertIn("bad.tar.gz: refused", err)
+        # One line however many entries replay names, the first few of them, escaped.
+        self.assertEqual(err, "report.py: bad.tar.gz: refused (status 3): it holds 5 entries a capture never "
+                         "holds: ./a/x\\x1b]0;y\\x07, ./a/%s..., ./etc/ld.so.preload, ... (and 2 more); "
+                         "--drop-unsafe replays it without them\n" % ("z" * 93))
         with open(self.path("p.html")) as f:
             self.assertEqual(f.read(), "old page")
         self.assertEqual(sorted(os.listdir(self.work)), ["bad.tar.gz", "good.tar.gz", "p.html"])
         status, err = report("--json", self.path("p.json"), "--skip-refused", good, self.path("bad.tar.gz"))
         self.assertEqual(status, 0, err)
+        self.assertRegex(err, r"^report: leaving out bad.tar.gz \(status 3\): it holds 5 entries [^\n]*\(and 2 more\)")
+        self.assertEqual(len(err.splitlines()), 1, err)
         with open(self.path("p.json")) as f:
             data = json.load(f)
         pc.check_schema(self, data)
         left = data["left_out"]
         self.assertEqual([x["file"] for x in left], ["bad.tar.gz"])
         self.assertNotIn(self.work, left[0]["reason"])  # no host path on a page meant for a bug
+        self.assertIn("z" * 3000, left[0]["reason"])  # the JSON keeps the whole text
 
     def test_build_over_build_pair_json_and_page(self):
         before, after = pc.build_over_build(self.path("b"))
