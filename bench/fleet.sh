@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Benchmark of the fleet export on phone-scale captures (not a test; asserts nothing):
 #   bench/fleet.sh [BINARY]        CAPTURES=1000 JOBS=2 EXTRA_BUFFERS=1000
-# gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers), slim as a recording
-# makes it: each process's maps file holds only its /dmabuf lines, each process has a command
-# line, and only the fdinfo files of DMA-BUF descriptors are kept; EXTRA_BUFFERS more buffers are exported and held without a
-# mapping, and the sample's memory files are added so every report has something to say (as
-# bench/report.sh does). CAPTURES captures follow, of 4 models on 2 builds (the second grows
-# gpu_region), each with its own boot and times; every fifth leaks 1 to 8 more buffers. The
+# gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers), made a slim capture's
+# by bench/phone_tree.py (as bench/report.sh does: the sample's memory files added, nothing that
+# capture/members.txt does not name, /dmabuf lines of maps, a command line per process, fdinfo of
+# DMA-BUF descriptors only); EXTRA_BUFFERS more buffers are exported and held without a mapping.
+# CAPTURES captures follow, of 4 models on 2 builds (the second grows gpu_region), each with its
+# own boot and times; every fifth leaks 1 to 8 more buffers. The
 # tree is packed once and each capture appends its own members to it, so generating 1000
 # captures takes seconds, not the export's time. fleet.py then exports them with -j JOBS, and
 # the README's queries run on the export (tests/fleet/queries.mjs, when `scripts/setup.sh fleet`
@@ -24,35 +24,16 @@ trap '[ -n "${KEEP:-}" ] || rm -rf "$work"' EXIT
 "$gen" "$work/tree" 1
 start=$(date +%s.%N)
 /usr/bin/python3 - "$top" "$work" "$count" "${EXTRA_BUFFERS:-1000}" <<'PY'
-import io, os, shutil, sys, tarfile, zlib
+import io, os, sys, tarfile, zlib
 top, work, count, extra = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
 tree = os.path.join(work, "tree")
-sample = os.path.join(top, "sample", "device")
-for f in ("proc/meminfo", "proc/iomem", "proc/debug_ext"):
-    src, dst = os.path.join(sample, f), os.path.join(tree, f)
-    if os.path.isdir(src):
-        shutil.copytree(src, dst, dirs_exist_ok=True)
-    else:
-        shutil.copyfile(src, dst)
-shutil.copytree(os.path.join(sample, "sys", "kernel", "debug"), os.path.join(tree, "d"))
+sys.path.insert(0, os.path.join(top, "bench"))
+import phone_tree  # noqa: E402
+pids = phone_tree.slim(top, tree, lambda n, pid: b"/system/bin/bench_process_%d\0--serve\0" % pid)
 stat_name = "proc/debug_ext/mem_statis/reserved_memory_stat"
 with open(os.path.join(tree, stat_name), "rb") as f:
     stat = f.read()
 os.unlink(os.path.join(tree, stat_name))  # each capture brings its own build's
-pids = sorted(int(p) for p in os.listdir(os.path.join(tree, "proc")) if p.isdigit())
-for pid in pids:
-    path = os.path.join(tree, "proc", str(pid), "maps")
-    with open(path, "rb") as f:
-        keep = [l for l in f if b"/dmabuf" in l]
-    with open(path, "wb") as f:
-        f.writelines(keep)
-    with open(os.path.join(tree, "proc", str(pid), "cmdline"), "wb") as f:
-        f.write(b"/system/bin/bench_process_%d\0--serve\0" % pid)
-    fdinfo = os.path.join(tree, "proc", str(pid), "fdinfo")
-    for fd in os.listdir(fdinfo):
-        with open(os.path.join(fdinfo, fd), "rb") as f:
-            if b"exp_name:" not in f.read():
-                os.unlink(os.path.join(fdinfo, fd))
 
 
 def buffer(files, inode, size, exporter, pid, fd):

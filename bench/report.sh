@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Benchmark of the report page on a phone-scale recording (not a test; asserts nothing):
 #   bench/report.sh [BINARY]        CAPTURES=60 EXTRA_BUFFERS=1000 RUNS=5
-# gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers), which becomes a slim
-# capture as the capture program writes one: each maps file keeps only its /dmabuf lines, each
-# process gets a command line, only the fdinfo files of DMA-BUF descriptors are kept.
-# EXTRA_BUFFERS more buffers are exported and held without a mapping (about 3000 in all), and
-# the sample's memory files are added so every report has something to say. CAPTURES captures a
-# minute apart follow, each with one more leaked buffer.
+# gen_tree makes a 1x device tree (1000 processes, 2000 exported buffers), which
+# bench/phone_tree.py makes a slim capture's tree as the capture program writes one: the sample's
+# memory files are added so every report has something to say, each maps file keeps only its
+# /dmabuf lines, each process gets a command line, only the fdinfo files of DMA-BUF descriptors
+# are kept, nothing capture/members.txt does not name. EXTRA_BUFFERS more buffers are exported
+# and held without a mapping (about 3000 in all). CAPTURES captures a minute apart follow, each
+# with one more leaked buffer.
 # Everything is timed on one core (taskset -c 0). First where one capture's time goes, each
 # part on its own (the fastest of RUNS): the start of a Python process, unpack.py, unpack.py
 # with the three reports, and replay.sh --reports as a whole (the differences are the reports
@@ -27,42 +28,20 @@ trap 'rm -rf "$work"' EXIT
 import os, shutil, subprocess, sys
 top, work, count, extra = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
 tree = os.path.join(work, "tree")
-sample = os.path.join(top, "sample", "device")
-for f in ("proc/meminfo", "proc/iomem", "proc/debug_ext"):
-    src, dst = os.path.join(sample, f), os.path.join(tree, f)
-    if os.path.isdir(src):
-        shutil.copytree(src, dst, dirs_exist_ok=True)
-    else:
-        shutil.copyfile(src, dst)
-shutil.copytree(os.path.join(sample, "sys", "kernel", "debug"), os.path.join(tree, "d"))
-# A capture holds only what the list of capture members names (the sample has more).
-sys.path.insert(0, os.path.join(top, "snapshot"))
-import members  # noqa: E402
-for folder, dirs, names in os.walk(tree):
-    for n in names:
-        path = os.path.join(folder, n)
-        if members.lookup(os.path.relpath(path, tree), False) is None:
-            os.unlink(path)
-pids = sorted(int(p) for p in os.listdir(os.path.join(tree, "proc")) if p.isdigit())
-for n, pid in enumerate(pids):
-    folder = os.path.join(tree, "proc", str(pid))
-    # A slim capture keeps the lines whose name (the sixth column) begins with /dmabuf.
-    with open(os.path.join(folder, "maps"), "rb") as f:
-        lines = f.readlines()
-    with open(os.path.join(folder, "maps"), "wb") as f:
-        f.writelines(l for l in lines if (l.split(None, 5)[5:] or [b""])[0].startswith(b"/dmabuf"))
-    # Command lines as a phone has them: app processes named by their package, services by
-    # their program and arguments.
-    with open(os.path.join(folder, "cmdline"), "wb") as f:
-        if n % 3:
-            f.write(b"com.example.bench.app%d:remote\0" % n)
-        else:
-            f.write(b"/vendor/bin/hw/bench.hal@%d.0-service\0--instance\0default\0" % (n % 7))
-    fdinfo = os.path.join(folder, "fdinfo")
-    for fd in os.listdir(fdinfo):
-        with open(os.path.join(fdinfo, fd), "rb") as f:
-            if b"exp_name:" not in f.read():
-                os.unlink(os.path.join(fdinfo, fd))
+sys.path.insert(0, os.path.join(top, "bench"))
+import phone_tree  # noqa: E402
+
+
+def cmdline(n, pid):
+    # As a phone has them: app processes named by their package, services by their program and
+    # arguments.
+    if n % 3:
+        return b"com.example.bench.app%d:remote\0" % n
+    return b"/vendor/bin/hw/bench.hal@%d.0-service\0--instance\0default\0" % (n % 7)
+
+
+pids = phone_tree.slim(top, tree, cmdline)
+
 
 def buffer(root, inode, size, exporter, pid, fd):
     d = os.path.join(root, "sys/kernel/dmabuf/buffers/%d" % inode)
@@ -76,15 +55,6 @@ def buffer(root, inode, size, exporter, pid, fd):
 
 for i in range(extra):
     buffer(tree, 900000 + i, 4096 * (1 + i % 64), ("system", "gpu", "camera")[i % 3], pids[i % len(pids)], 9000 + i)
-# A capture holds only what capture/members.txt lists; replay refuses anything else.
-sys.path.insert(0, os.path.join(top, "snapshot"))
-import members
-for folder, dirs, files in os.walk(tree, topdown=False):
-    rel = os.path.relpath(folder, tree)
-    for name in files + dirs:
-        path = os.path.join(folder, name)
-        if members.lookup(os.path.normpath(os.path.join(rel, name)), name in dirs) is None:
-            shutil.rmtree(path) if name in dirs else os.unlink(path)
 os.makedirs(os.path.join(work, "rec"))
 for n in range(count):
     over = os.path.join(work, "over%d" % n)
