@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Compares two captures of one device, taken before and after a use case (compare.sh is the
 command users run; see there for the lines it prints)."""
+import os
 import sys
 import time
 
@@ -205,8 +206,10 @@ def main(argv):
         try:
             sides.append(load(capture, binary, drop_unsafe))
         except capturefiles.ReplayError as e:
-            sys.stderr.write(e.message)
-            print(f"compare: cannot replay {shown(capture)}", file=sys.stderr)
+            # replay.sh names the capture by its real path; the line names it as given.
+            reason = capturefiles.refusal_reason(e.message, os.path.realpath(capture))
+            print(f"compare: cannot replay {shown(capture)} (status {e.status}): {reason}",
+                  file=sys.stderr)
             return e.status
         except Unreadable as e:
             print(e, file=sys.stderr)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Compares two captures of one device (capture.sh), taken before and after a use case:
+# Compares two captures of one device (capture/capture.sh), taken before and after a use case:
 #   snapshot/compare.sh [--drop-unsafe] BEFORE.tar.gz AFTER.tar.gz BINARY
 # Replays -u, -n and -s on each (replay.sh, with its checks and bounds) and prints what changed,
 # one fact per line, each line starting with the report it comes from:
@@ -25,5 +25,6 @@
 # Exit status 0 when both captures could be replayed; 2 when the binary cannot run here, a
 # capture cannot be read or a report of it is malformed (a number no device prints);
 # otherwise the status of the replay that failed (3 refused, 4 truncated, 5 a report past the
-# output bound, 124 out of time), with its message.
+# output bound, 124 out of time). Each failure is one line naming the capture and the cause:
+#   compare: cannot replay CAPTURE (status N): CAUSE
 exec /usr/bin/python3 "$(dirname "$0")/compare.py" "$@"

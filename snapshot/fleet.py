@@ -551,7 +551,7 @@ def main(argv):
         os.makedirs(args.out, exist_ok=True)
         return export(args.binary, args.out, args.captures, args.jobs, sys.stderr)
     except capturefiles.ReplayError as e:
-        print("fleet.py: " + report.one_line(e.message), file=sys.stderr)
+        print("fleet.py: " + capturefiles.one_line(e.message), file=sys.stderr)
         return 2
     except Usage as e:
         print("fleet.py: %s" % e, file=sys.stderr)

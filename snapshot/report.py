@@ -64,57 +64,6 @@ MEMORY = "d/memblock/memory"
 BUFINFO = "d/dma_buf/bufinfo"
 
 
-# A failure is one line on a terminal, cut past this many characters (replay names each entry it
-# drops, up to a thousand of them, each name up to 4096 bytes); the JSON's left_out keeps the
-# whole text. A refusal names the first few dropped entries, each cut to a length a line can carry.
-MESSAGE_CHARS = 1000
-NAMED_DROPPED = 3
-NAME_CHARS = 100
-_DROPPED = re.compile(r"replay: dropped (.*?): ")
-_UNNAMED = re.compile(r"replay: more than \d+ entries dropped; the rest are not named$")
-_NAMED_ABOVE = "it holds entries that a capture never holds (named above)"
-
-
-def _cut(text, limit):
-    return text if len(text) <= limit else text[:limit - 3] + "..."
-
-
-def one_line(text):
-    """A message for a terminal as one line: each line escaped, the lines joined by "; "."""
-    return _cut("; ".join(reporttext.shown(line) for line in text.strip().splitlines()) or "(no message)",
-                MESSAGE_CHARS)
-
-
-def refusal_reason(message, name):
-    """Replay's messages on a capture named name, as the cause in one line: the entries it
-    dropped are counted and the first NAMED_DROPPED named; "replay: " and the capture's name,
-    which the line already starts with, are left out."""
-    dropped, unnamed, rest = [], False, []
-    for line in message.strip().splitlines():
-        m = _DROPPED.match(line)
-        if m:
-            dropped.append(_cut(m.group(1), NAME_CHARS))
-        elif _UNNAMED.match(line):
-            unnamed = True
-        else:
-            for prefix in ("replay: refusing %s: " % name, "replay: "):
-                if line.startswith(prefix):
-                    line = line[len(prefix):]
-                    break
-            rest.append(line)
-    if dropped:
-        held = "%s%d %s a capture never holds: %s%s" % (
-            "more than " if unnamed else "", len(dropped), "entry" if len(dropped) == 1 and not unnamed
-            else "entries", ", ".join(dropped[:NAMED_DROPPED]),
-            ", ... (and %s%d more)" % ("over " if unnamed else "", len(dropped) - NAMED_DROPPED)
-            if len(dropped) > NAMED_DROPPED else "")
-        if any(_NAMED_ABOVE in line for line in rest):
-            rest = [line.replace(_NAMED_ABOVE, "it holds " + held) for line in rest]
-        else:  # dropped under --drop-unsafe, refused for another cause
-            rest.append("dropped " + held)
-    return one_line("\n".join(rest))
-
-
 def unhosted(text, capture):
     """Replay's messages name the capture by its path on this host; the page may be attached to
     a bug, so it names the capture by its file name only."""
@@ -310,7 +259,7 @@ def build(files, recording, binary, drop_unsafe, skip_refused, warn):
                 raise
             last_refusal = e
             name = os.path.basename(f)
-            reason = refusal_reason(e.message, name)
+            reason = capturefiles.refusal_reason(e.message, name)
             if not skip_refused:
                 raise Refused(e.status, "%s: refused (status %d): %s" % (name, e.status, reason))
             warn("report: leaving out %s (status %d): %s" % (reporttext.shown(name), e.status, reason))
@@ -450,7 +399,7 @@ def main(argv):
         if args.trace:
             outputs.append((args.trace, trace_text(doc)))
     except Refused as e:
-        print("report.py: " + one_line(e.message), file=sys.stderr)
+        print("report.py: " + capturefiles.one_line(e.message), file=sys.stderr)
         return e.status
     try:
         write_all(outputs)

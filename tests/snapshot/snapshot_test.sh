@@ -77,8 +77,8 @@ compare-unreadable)
   snapshot/compare.sh "$work/bad.tar.gz" $pair/after.tar.gz "$binary" >"$work/out" 2>"$work/err"
   status=$?
   [ $status = 2 ] || fail "exit status $status, not 2"
-  grep -q "^replay: cannot unpack $work/bad.tar.gz" "$work/err" && grep -q "^compare: cannot replay" "$work/err" ||
-    fail "messages: $(cat "$work/err")"
+  grep -q "^compare: cannot replay $work/bad.tar.gz (status 2): cannot unpack $work/bad.tar.gz" "$work/err" &&
+    [ "$(wc -l <"$work/err")" = 1 ] || fail "messages: $(cat "$work/err")"
   [ -s "$work/out" ] && fail "printed a comparison"
   ;;
 hostile)
@@ -284,7 +284,9 @@ PY
   [ $status = 5 ] && grep -qF "replay: refusing $(realpath $pair/after.tar.gz): its report passed 300 bytes" "$work/err" ||
     fail "one report: exit status $status: $(cat "$work/err")"
   [ "$(stat -c %s "$work/out")" -le 300 ] || fail "one report: $(stat -c %s "$work/out") bytes written"
-  check 5 "$too_much" snapshot/compare.sh $pair/after.tar.gz $pair/before.tar.gz "$binary"
+  check 5 "compare: cannot replay $pair/after.tar.gz (status 5): its -u report passed 300 bytes" \
+    snapshot/compare.sh $pair/after.tar.gz $pair/before.tar.gz "$binary"
+  [ "$(wc -l <"$work/err")" = 1 ] || fail "compare: $(cat "$work/err")"
   check 5 "report.py: after.tar.gz: refused (status 5): its -u report passed 300" \
     snapshot/report.py --binary "$binary" --json "$work/r.json" $pair/after.tar.gz
   [ "$(wc -l <"$work/err")" = 1 ] || fail "report.py: $(cat "$work/err")"
@@ -333,7 +335,8 @@ truncated)
   snapshot/compare.sh $pair/before.tar.gz "$work/cut.tar.gz" "$binary" >"$work/out" 2>"$work/err"
   status=$?
   [ $status = 4 ] || fail "compare exit status $status, not 4"
-  grep -q "^compare: cannot replay $work/cut.tar.gz" "$work/err" || fail "message: $(cat "$work/err")"
+  grep -q "^compare: cannot replay $work/cut.tar.gz (status 4): .*truncated" "$work/err" &&
+    [ "$(wc -l <"$work/err")" = 1 ] || fail "message: $(cat "$work/err")"
   [ -s "$work/out" ] && fail "compare printed facts of a truncated capture"
   ;;
 compare-binary)
