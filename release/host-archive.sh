@@ -34,6 +34,7 @@ where() {
     snapshot/replay.sh) echo "host: runs a report of the binary on a capture" ;;
     snapshot/compare.sh) echo "host: what changed between two captures" ;;
     snapshot/report.py) echo "host: a page of a capture or a recording" ;;
+    snapshot/fleet.py) echo "host: many captures as JSON-lines tables" ;;
     scripts/run-in-tree.sh) echo "host: used by replay.sh, runs the binary in a private tree" ;;
     *.py) echo "host: a module of the scripts above" ;;
     *) echo "host: used by the scripts above" ;;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Replays quarrystat on a capture made by capture.sh:
+# Replays quarrystat on a capture taken by capture/capture.sh:
 #   snapshot/replay.sh [--drop-unsafe] CAPTURE.tar.gz BINARY [ARGS...]
 #   snapshot/replay.sh [--drop-unsafe] --reports OUTDIR CAPTURE.tar.gz BINARY
 # The first form runs the tool once with ARGS and ends with its status. The second unpacks the

@@ -169,7 +169,7 @@ def refusal(m, rel, size, lookup=None):
     None when it can; "" for the capture's root itself, which is left alone unnamed. lookup
     stands for LOOKUP (a Shapes)."""
     if has_control(m.name) or (m.linkname and has_control(m.linkname)):
-        # capture.sh never writes such a name, and a newline in one would pass for two names
+        # The capture program writes no such name, and a newline in one would pass for two names
         # wherever a list of the tree is read line by line.
         return "its name holds a control character"
     if rel is None:

@@ -524,7 +524,7 @@ class Generated(unittest.TestCase):
 
     def random_archive(self, rng, base):
         """(archive bytes, whether a member is surely dropped, whether the archive is damaged
-        or cut, whether it holds only what capture.sh writes: one in five does)."""
+        or cut, whether it holds only what a capture holds: one in five does)."""
         entries, surely = [], False
         clean = rng.random() < 0.2
         for k in range(rng.randint(1, 12)):
