@@ -169,9 +169,15 @@ def capture_rows(key, path, binary):
         return refused_rows(key, path, e)
     info = {k: v[:report.INFO_VALUE_LIMIT] for k, v in capturefiles.info_of(runs).items()}
     ident = identity(key, info)
-    u = reporttext.parse_unmapped(runs["u"].stdout)
-    n = reporttext.parse_kmem(runs["n"].stdout)
-    s = reporttext.parse_reserved(runs["s"].stdout)
+    parsed = {}
+    for mode in capturefiles.MODES:
+        try:
+            parsed[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
+        except reporttext.Malformed as e:
+            # As report.py and compare say it: status 2, the capture cannot be used.
+            return refused_rows(key, path, capturefiles.ReplayError(
+                2, "its -%s report is malformed: %s" % (mode, e)))
+    u, n, s = parsed["u"], parsed["n"], parsed["s"]
     table = runs["files"][report.BUFINFO]
     names = bufinfo.parse(table)["names"]
     cmdlines = command_lines(runs)

@@ -242,6 +242,21 @@ class Rules(unittest.TestCase):
         self.assertEqual({h["pid"]: h["cmdline"] for b in buffers for h in b["holders"]},
                          {68: ["/system/bin/dmabuf-test", "--hold", "x y"], 69: None, None: None})
 
+    def test_a_malformed_report_is_an_unreadable_row(self):
+        real = capturefiles.replay
+
+        def with_digits(path, binary, **kw):
+            runs = real(path, binary, **kw)
+            runs["n"] = runs["n"]._replace(stdout="Shmem: %s KB\n" % ("1" * 5000))
+            return runs
+        with tempfile.TemporaryDirectory() as d:
+            path = pc.write_capture(os.path.join(d, "c.tar.gz"), pc.sample_files(), pc.info(10))
+            with mock.patch.object(capturefiles, "replay", with_digits):
+                capture, *rest = fleet.capture_rows("0" * 64, path, pc.binary())
+        self.assertEqual((capture["status"], capture["replay_status"], rest), ("unreadable", 2, [[], [], []]))
+        self.assertEqual(capture["reason"], "its -n report is malformed: a number of 5000 digits, "
+                                            "more than any device prints")
+
     def test_build_of_a_fingerprint(self):
         for fingerprint, build in (
                 ("google/oriole/oriole:14/UQ1A.240205.004/11269751:user/release-keys", "14/UQ1A.240205.004/11269751"),
