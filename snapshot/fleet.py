@@ -36,6 +36,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import bufinfo  # noqa: E402
 import capturefiles  # noqa: E402
+import jsondoc  # noqa: E402
 import report  # noqa: E402
 import reporttext  # noqa: E402
 import series  # noqa: E402
@@ -88,11 +89,6 @@ def build_of(fingerprint):
     return ":".join(parts[1:-1]) if len(parts) >= 3 else fingerprint
 
 
-def hex_address(value):
-    # Sixteen digits at least, so that ordering the text orders the addresses.
-    return None if value is None or value < 0 else "0x%016x" % value
-
-
 def identity(key, info):
     """The columns every row carries: the capture's key and who and when it was."""
     t = series.capture_time(info)
@@ -103,26 +99,15 @@ def identity(key, info):
 
 
 def command_lines(runs):
-    """{pid: [arguments]} of the processes whose proc/PID/cmdline the capture holds, from what
-    replay hands out as runs["cmdlines"] ({pid: the file's bytes}); a replay that hands out
-    none leaves every command line unknown (null)."""
+    """{"PID": [arguments]} of the processes whose proc/PID/cmdline the capture holds, keyed as
+    the report's JSON keys them, from what replay hands out as runs["cmdlines"] ({pid: the
+    file's bytes}); a replay that hands out none leaves every command line unknown (null)."""
     out = {}
     for pid, data in (runs.get("cmdlines") or {}).items():
-        # NUL-separated and NUL-terminated; an app that renames itself leaves NULs behind.
-        args = data.decode("utf-8", "surrogateescape").split("\0")
-        while args and args[-1] == "":
-            args.pop()
-        if any(args):  # none for a kernel thread or a process that was exiting
-            out[pid] = args
+        args = capturefiles.split_cmdline(data)
+        if args:
+            out[str(pid)] = args
     return out
-
-
-def holder(owner, cmdlines):
-    return {"kind": "process", "pid": owner["pid"], "comm": owner["name"],
-            "cmdline": cmdlines.get(owner["pid"])}
-
-
-KERNEL = {"kind": "kernel", "pid": None, "comm": None, "cmdline": None}
 
 
 def _kb_bytes(kb):
@@ -202,14 +187,14 @@ def capture_rows(key, path, binary):
     buffers = [dict(ident, **{
         "inode": r["inode"], "size_bytes": r["size"], "exporter": r["exporter"],
         "name": names.get(r["inode"]),
-        "holders": [holder(o, cmdlines) for o in r["owners"]] or [dict(KERNEL)]})
+        "holders": jsondoc.holders(r["owners"], cmdlines)})
         for r in u["rows"]]
     regions = []
     for i, r in enumerate(s["regions"]):
         size = r["size_kb"] * 1024
         regions.append(dict(ident, **{
-            "position": i, "name": r["name"], "kind": r["kind"], "start": hex_address(r["start"]),
-            "end": hex_address(r["start"] + size), "size_bytes": size}))
+            "position": i, "name": r["name"], "kind": r["kind"], "start": jsondoc.hex_address(r["start"]),
+            "end": jsondoc.hex_address(r["start"] + size), "size_bytes": size}))
     figures = [(c["name"], c["kb"], None, None) for c in n["counters"]]
     if n["unmapped"] is not None:
         m = n["unmapped"]

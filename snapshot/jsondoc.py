@@ -17,7 +17,7 @@ BUFFER_CHANGES = {"became unmapped": "became_unmapped", "no longer unmapped": "n
 
 
 def hex_address(value):
-    # Sixteen digits at least, so that ordering the text orders the addresses (as in fleet.py).
+    # Sixteen digits at least, so that ordering the text orders the addresses (fleet.py's too).
     return None if value is None or value < 0 else "0x%016x" % value
 
 
