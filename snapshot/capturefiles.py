@@ -11,6 +11,7 @@ import subprocess
 import tempfile
 import threading
 
+import reporttext
 from reporttext import shown
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -270,6 +271,18 @@ def split_cmdline(data):
     while args and args[-1] == "":  # an app that renames itself leaves NULs behind its name
         args.pop()
     return args if any(args) else None
+
+
+def parse_reports(runs):
+    """The three reports of a replay (replay()'s result), parsed: {mode: ...}. A report that
+    cannot be true raises reporttext.Malformed naming it: "its -s report is malformed: ..."."""
+    parsed = {}
+    for mode in MODES:
+        try:
+            parsed[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
+        except reporttext.Malformed as e:
+            raise reporttext.Malformed(f"its -{mode} report is malformed: {e}") from None
+    return parsed
 
 
 def parse_info(data):

@@ -22,15 +22,13 @@ class Unreadable(Exception):
 def load(capture, binary, drop_unsafe):
     """The parsed reports of one capture, with their exit statuses."""
     runs = capturefiles.replay(capture, binary, drop_unsafe)
-    side = {"status": {}, "info": capturefiles.info_of(runs),
+    side = {"info": capturefiles.info_of(runs),
             "memory": capturefiles.memory_ranges(runs["files"]["d/memblock/memory"])}
-    for mode in capturefiles.MODES:
-        try:
-            side[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
-        except reporttext.Malformed as e:
-            raise Unreadable(f"compare: cannot read {shown(capture)}: its -{mode} report is "
-                             f"malformed: {e}") from None
-        side["status"][mode] = runs[mode].status
+    try:
+        side.update(capturefiles.parse_reports(runs))
+    except reporttext.Malformed as e:
+        raise Unreadable(f"compare: cannot read {shown(capture)}: {e}") from None
+    side["status"] = {mode: runs[mode].status for mode in capturefiles.MODES}
     return side
 
 

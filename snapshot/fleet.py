@@ -154,14 +154,11 @@ def capture_rows(key, path, binary):
         return refused_rows(key, path, e)
     info = {k: v[:report.INFO_VALUE_LIMIT] for k, v in capturefiles.info_of(runs).items()}
     ident = identity(key, info)
-    parsed = {}
-    for mode in capturefiles.MODES:
-        try:
-            parsed[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
-        except reporttext.Malformed as e:
-            # As report.py and compare say it: status 2, the capture cannot be used.
-            return refused_rows(key, path, capturefiles.ReplayError(
-                2, "its -%s report is malformed: %s" % (mode, e)))
+    try:
+        parsed = capturefiles.parse_reports(runs)
+    except reporttext.Malformed as e:
+        # As report.py and compare say it: status 2, the capture cannot be used.
+        return refused_rows(key, path, capturefiles.ReplayError(2, str(e)))
     u, n, s = parsed["u"], parsed["n"], parsed["s"]
     table = runs["files"][report.BUFINFO]
     names = bufinfo.parse(table)["names"]

@@ -72,10 +72,6 @@ def unhosted(text, capture):
     return text
 
 
-# The memory table (/d/memblock/memory) as [start, end) pairs, or None.
-memory_ranges = capturefiles.memory_ranges
-
-
 def _cleaned(doc):
     """The document with device text made valid UTF-8 (clean()); a walk of every value only
     when some text needs it, which is rare: a recording's document holds hundreds of
@@ -117,12 +113,10 @@ def capture_entry(path, binary, drop_unsafe, runs=None):
             raise runs
     except capturefiles.ReplayError as e:
         raise Refused(e.status, unhosted(e.message, path))
-    parsed = {}
-    for mode in ("u", "n", "s"):
-        try:
-            parsed[mode] = reporttext.PARSERS[mode](runs[mode].stdout)
-        except reporttext.Malformed as e:
-            raise Refused(2, "its -%s report is malformed: %s" % (mode, e))
+    try:
+        parsed = capturefiles.parse_reports(runs)
+    except reporttext.Malformed as e:
+        raise Refused(2, str(e))
     return _entry(path, runs, parsed)
 
 
@@ -148,7 +142,7 @@ def _entry(path, runs, parsed):
         "status": {m: runs[m].status for m in ("u", "n", "s")},
         "messages": {m: unhosted(runs[m].stderr, path).splitlines()[:MESSAGE_LINES]
                      for m in ("u", "n", "s", "replay")},
-        "memory": memory_ranges(members[MEMORY]),
+        "memory": capturefiles.memory_ranges(members[MEMORY]),
         "reserved": parsed["s"],
         "kmem": parsed["n"],
         "unmapped": u,
