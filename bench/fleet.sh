@@ -36,14 +36,6 @@ with open(os.path.join(tree, stat_name), "rb") as f:
 os.unlink(os.path.join(tree, stat_name))  # each capture brings its own build's
 
 
-def buffer(files, inode, size, exporter, pid, fd):
-    files["sys/kernel/dmabuf/buffers/%d/size" % inode] = b"%d\n" % size
-    files["sys/kernel/dmabuf/buffers/%d/exporter_name" % inode] = exporter.encode() + b"\n"
-    files["proc/%d/fdinfo/%d" % (pid, fd)] = (
-        "pos:\t0\nflags:\t02000002\nmnt_id:\t8\nino:\t%d\nsize:\t%d\ncount:\t1\nexp_name:\t%s\n"
-        % (inode, size, exporter)).encode()
-
-
 def members(tar, files):
     for name in sorted(files):
         t = tarfile.TarInfo("./" + name)
@@ -53,7 +45,7 @@ def members(tar, files):
 
 base = {}
 for i in range(extra):
-    buffer(base, 900000 + i, 4096 * (1 + i % 64), ("system", "gpu", "camera")[i % 3], pids[i % len(pids)], 9000 + i)
+    phone_tree.held_buffer(base, 900000 + i, 4096 * (1 + i % 64), ("system", "gpu", "camera")[i % 3], pids[i % len(pids)], 9000 + i)
 raw = io.BytesIO()
 tar = tarfile.open(fileobj=raw, mode="w", format=tarfile.GNU_FORMAT)
 tar.add(tree, arcname=".")
@@ -70,7 +62,7 @@ for n in range(count):
         b"gpu_region: addr 0xa0000000, size 4096 KB", b"gpu_region: addr 0xa0000000, size 8192 KB")}
     if n % 5 == 0:
         for k in range(1 + n % 8):
-            buffer(files, 990000 + k, 1 << 20, "system", pids[n % 7], 20000 + k)
+            phone_tree.held_buffer(files, 990000 + k, 1 << 20, "system", pids[n % 7], 20000 + k)
     up = 5000 + n
     files["capture-info"] = (
         "format=1\nkernel_release=6.1.0-bench\nmodel=%s\nfingerprint=acme/%s/%s:15/%s/1:user/release-keys\n"

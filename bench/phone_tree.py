@@ -2,7 +2,8 @@
 one: the sample's memory files and debugfs tables are added, what capture/members.txt does not
 name is removed (replay refuses a capture holding it), each maps file keeps only its /dmabuf
 lines, each process gets a command line, and only the fdinfo files of DMA-BUF descriptors stay.
-The benchmarks (bench/fleet.sh, bench/report.sh) add what their captures differ by."""
+The benchmarks (bench/fleet.sh, bench/report.sh) add what their captures differ by, with
+held_buffer()."""
 import os
 import shutil
 import sys
@@ -43,3 +44,22 @@ def slim(top, tree, cmdline):
                 if b"exp_name:" not in f.read():
                     os.unlink(os.path.join(fdinfo, fd))
     return pids
+
+
+def held_buffer(files, inode, size, exporter, pid, fd):
+    """A buffer in the sysfs statistics, held by pid through descriptor fd and mapped by no one:
+    its three files, added to files (name in the tree: bytes)."""
+    files["sys/kernel/dmabuf/buffers/%d/size" % inode] = b"%d\n" % size
+    files["sys/kernel/dmabuf/buffers/%d/exporter_name" % inode] = exporter.encode() + b"\n"
+    files["proc/%d/fdinfo/%d" % (pid, fd)] = (
+        "pos:\t0\nflags:\t02000002\nmnt_id:\t8\nino:\t%d\nsize:\t%d\ncount:\t1\nexp_name:\t%s\n"
+        % (inode, size, exporter)).encode()
+
+
+def write(root, files):
+    """files (name in the tree: bytes) written under root."""
+    for name, data in files.items():
+        path = os.path.join(root, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as f:
+            f.write(data)

@@ -43,27 +43,22 @@ def cmdline(n, pid):
 pids = phone_tree.slim(top, tree, cmdline)
 
 
-def buffer(root, inode, size, exporter, pid, fd):
-    d = os.path.join(root, "sys/kernel/dmabuf/buffers/%d" % inode)
-    os.makedirs(d, exist_ok=True)
-    open(os.path.join(d, "size"), "w").write("%d\n" % size)
-    open(os.path.join(d, "exporter_name"), "w").write(exporter + "\n")
-    fdinfo = os.path.join(root, "proc/%d/fdinfo" % pid)
-    os.makedirs(fdinfo, exist_ok=True)
-    open(os.path.join(fdinfo, str(fd)), "w").write(
-        "pos:\t0\nflags:\t02000002\nmnt_id:\t8\nino:\t%d\nsize:\t%d\ncount:\t1\nexp_name:\t%s\n" % (inode, size, exporter))
-
+base = {}
 for i in range(extra):
-    buffer(tree, 900000 + i, 4096 * (1 + i % 64), ("system", "gpu", "camera")[i % 3], pids[i % len(pids)], 9000 + i)
+    phone_tree.held_buffer(base, 900000 + i, 4096 * (1 + i % 64), ("system", "gpu", "camera")[i % 3],
+                           pids[i % len(pids)], 9000 + i)
+phone_tree.write(tree, base)
 os.makedirs(os.path.join(work, "rec"))
 for n in range(count):
     over = os.path.join(work, "over%d" % n)
-    os.makedirs(over)
+    files = {}
     for k in range(n + 1):  # one more leaked buffer per capture, held by the first process
-        buffer(over, 990000 + k, 14352384, "system", pids[0], 20000 + k)
+        phone_tree.held_buffer(files, 990000 + k, 14352384, "system", pids[0], 20000 + k)
     up = 5000 + 60 * n
-    open(os.path.join(over, "capture-info"), "w").write(
-        "format=1\nmodel=bench\nboot_id=bench\nuptime_start=%d.00\nwall_start=%d\n" % (up, 1764000000 + up))
+    files["capture-info"] = b"format=1\nmodel=bench\nboot_id=bench\nuptime_start=%d.00\nwall_start=%d\n" % (
+        up, 1764000000 + up)
+    os.makedirs(over)
+    phone_tree.write(over, files)
     out = os.path.join(work, "rec", "capture-%04d.tar.gz" % (n + 1))
     subprocess.run(["tar", "-I", "gzip -1", "-cf", out, "-C", tree, ".", "-C", over, "."], check=True)
     shutil.rmtree(over)
