@@ -10,6 +10,13 @@ replayed once per capture by replay.sh; the capture itself is read only for what
 prints: the memory table (the map's background), the bufinfo names and the capture-info times.
 The page and the JSON are made from the same document (the JSON in the shape of schema 2,
 jsondoc.py), so the JSON holds every figure the page shows.
+
+Exit status: 0 when everything asked for was written; 2 for a usage error, a destination that
+cannot be written, a capture that cannot be used (missing, unreadable, a malformed report, more
+rows than MAX_ROWS, a recording across two boards) or --trace of one capture; otherwise
+replay's status for the capture it refused (3, 4, 5 or 124), which --skip-refused leaves out
+instead (then the status is the last refusal's only when no capture is left). Every failure is
+one line on standard error.
 """
 import argparse
 import json
