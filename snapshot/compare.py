@@ -12,7 +12,6 @@ import reporttext
 from reporttext import shown
 
 USAGE = "usage: compare.sh [--drop-unsafe] BEFORE.tar.gz AFTER.tar.gz BINARY"
-TAGS = dict(factlib.REPORTS)
 
 
 class Unreadable(Exception):

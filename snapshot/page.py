@@ -409,10 +409,6 @@ def kmem_bar(n, ident="kmem-bar"):
     return "".join(out) + "<table><thead><tr><th>Counter</th><th class=n>KB</th></tr></thead><tbody>%s</tbody></table>" % rows + note
 
 
-def owners_text(owners):
-    return "kernel" if not owners else ", ".join("[%d]%s" % (o["pid"], o["name"]) for o in owners)
-
-
 FIRST_ARG = 80  # a longer first argument is cut on the page (the whole line is in its title)
 
 
@@ -840,7 +836,7 @@ def verdict(doc):
 
 
 def suspect_groups(doc):
-    s, sus, caps = doc["series"], doc["suspects"], doc["captures"]
+    s, sus = doc["series"], doc["suspects"]
     if not sus["groups"]:
         return '<p id="suspects">No buffer became unmapped and stayed so.</p>'
     rows = []
