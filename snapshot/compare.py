@@ -37,9 +37,12 @@ def show(value):
     return f"{value} KB" if isinstance(value, int) else value
 
 
+def _kb(d):
+    return f"{'+' if d >= 0 else '-'}{abs(d)} KB"
+
+
 def delta(fact):
-    d = fact["delta"]
-    return "" if d is None else f" ({'+' if d >= 0 else '-'}{abs(d)} KB)"
+    return "" if fact["delta"] is None else f" ({_kb(fact['delta'])})"
 
 
 def held(row):
@@ -78,10 +81,6 @@ def _place(at):
     """ "0x8b800000, 106496 KB", or "106496 KB" for a figure the report does not locate."""
     size = f"{at['size_kb']} KB"
     return size if at["start"] is None else f"{at['start']}, {size}"
-
-
-def _kb(d):
-    return f"{'+' if d >= 0 else '-'}{abs(d)} KB"
 
 
 def _ranges(spans):
