@@ -9,9 +9,9 @@ import os
 import re
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-# In the repository the list sits in capture/, beside the program that writes from it; a host
-# archive of the scripts carries it beside them.
-CANDIDATES = (os.path.join(HERE, "..", "capture", "members.txt"), os.path.join(HERE, "members.txt"))
+# The list sits in capture/, beside the program that writes from it; the host archive of the
+# scripts keeps the same layout (release/host-archive.sh).
+LIST = os.path.join(HERE, "..", "capture", "members.txt")
 
 Member = collections.namedtuple("Member", "path limit keep folder")
 
@@ -45,11 +45,11 @@ def parse(text):
 
 
 def _load():
-    for candidate in CANDIDATES:
-        if os.path.exists(candidate):
-            with open(candidate, encoding="ascii") as f:
-                return parse(f.read())
-    raise ListError("no list of capture members beside " + HERE)
+    try:
+        with open(LIST, encoding="ascii") as f:
+            return parse(f.read())
+    except FileNotFoundError:
+        raise ListError("no list of capture members: no " + os.path.normpath(LIST)) from None
 
 
 MEMBERS = _load()
