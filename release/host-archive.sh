@@ -17,9 +17,9 @@ name=quarrystat-$version-host-scripts
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 dir=$stage/$name
-mkdir -p "$dir/snapshot" "$dir/scripts" "$dir/capture" "$out"
+mkdir -p "$dir/snapshot/schema" "$dir/scripts" "$dir/capture" "$out"
 files=()
-for f in snapshot/*.sh snapshot/*.py scripts/run-in-tree.sh capture/members.txt; do
+for f in snapshot/*.sh snapshot/*.py snapshot/schema/*.json scripts/run-in-tree.sh capture/members.txt; do
   [ -f "$f" ] || continue
   case $f in */test_*) continue ;; esac
   cp "$f" "$dir/$f"
@@ -37,10 +37,11 @@ where() {
     snapshot/fleet.py) echo "host: many captures as JSON-lines tables" ;;
     scripts/run-in-tree.sh) echo "host: used by replay.sh, runs the binary in a private tree" ;;
     *.py) echo "host: a module of the scripts above" ;;
+    *.json) echo "the JSON Schema of what report.py or fleet.py writes" ;;
     *) echo "host: used by the scripts above" ;;
   esac
 }
-listing=$(for f in "${files[@]}"; do printf '    %-26s %s\n' "$f" "$(where "$f")"; done)
+listing=$(for f in "${files[@]}"; do printf '    %-36s %s\n' "$f" "$(where "$f")"; done)
 while IFS= read -r line; do
   if [ "$line" = @FILES@ ]; then printf '%s\n' "$listing"; else printf '%s\n' "${line//@VERSION@/$version}"; fi
 done <release/README.host >"$dir/README"
