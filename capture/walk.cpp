@@ -42,10 +42,18 @@ struct Scratch {
 };
 
 // Reads at most limit bytes of path into *s; 0, or the errno of the open or read that failed.
-// Only regular files are read (a FIFO would block): anything else is ENODEV.
+// Only regular files are read, and no other kind is even opened: a FIFO would block, and opening
+// a device node as root can set its driver going (a watchdog starts on open). A member file is
+// never a link on a device, so one is not followed (ELOOP): it could lead to any file of the
+// device, whose text would then leave with the capture. Folders on the way may be links (/d is
+// one on Android). The open is still non-blocking and checked again, should the file be
+// replaced between the look and the open.
 int ReadUpTo(const std::string& path, size_t limit, Scratch* s) {
     s->size = 0;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat before;
+    if (lstat(path.c_str(), &before) != 0) return errno;
+    if (!S_ISREG(before.st_mode)) return S_ISLNK(before.st_mode) ? ELOOP : ENODEV;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0) return errno;
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {

@@ -661,6 +661,13 @@ capture-info)
   [ "$(info "$root/out/f.tar.gz" model)" = "Pixel  9" ] || fail "model from getprop: $(info "$root/out/f.tar.gz" model | cat -A)"
   [ "$(info "$root/out/f.tar.gz" fingerprint)" = google/x/y:15/AP3A/1:user/release-keys ] ||
     fail "fingerprint: $(info "$root/out/f.tar.gz" fingerprint)"
+  # Run as root, the program writes through no link at the output's name: what it leads to stays.
+  echo kept >"$root/victim"
+  ln -s ../victim "$root/out/g.tar.gz"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/g.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] && grep -qx "capture: cannot write /out/g.tar.gz: it is a link" "$work/err" &&
+    [ "$(cat "$root/victim")" = kept ] || fail "output through a link: status $status: $(cat "$work/err")"
   ;;
 capture-incomplete)
   static_program
