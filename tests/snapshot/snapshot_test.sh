@@ -452,6 +452,38 @@ time-bound)
   diff -r -x cmdline.tar -x status -x replay.err "$work/alone" "$work/series/2" || fail "the next capture's reports differ"
   left=$(find "$work/tmp" "$work/spill" -mindepth 1)
   [ -z "$left" ] || fail "--series left behind: $left"
+  # A report stopped at its time limit (one that shrugs off TERM, of a dynamically linked build,
+  # which has its own /proc entries bound into the tree) leaves the next capture of the session
+  # nothing: it lists the tree's /proc as replaying that capture alone does.
+  mkdir -p "$work/spin-tree/proc" "$work/series2" "$work/alone2"
+  echo spin >"$work/spin-tree/proc/meminfo"
+  tar -C "$work/spin-tree" -czf "$work/spin.tar.gz" .
+  cc -x c - -o "$work/lister" <<'EOF' || fail "cannot build the lister"
+#include <dirent.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+int main(int argc, char **argv) {
+    char head[5] = "";
+    FILE *f = fopen("/proc/meminfo", "r");
+    if (f && fread(head, 1, 4, f) == 4 && !strcmp(head, "spin") && !strcmp(argv[argc - 1], "-u")) {
+        signal(SIGTERM, SIG_IGN);
+        for (;;) pause();
+    }
+    char self[32];
+    snprintf(self, sizeof self, "%d", (int)getpid());
+    DIR *d = opendir("/proc");
+    for (struct dirent *e; d && (e = readdir(d));)
+        if (strcmp(e->d_name, self) && strcmp(e->d_name, "self")) printf("%s\n", e->d_name);
+    return 0;
+}
+EOF
+  QUARRY_SPILL_DIR=$work/spill QUARRY_REPLAY_SECONDS=1 snapshot/replay.sh --series "$work/series2" "$work/lister" \
+    "$work/spin.tar.gz" $pair/after.tar.gz >"$work/done" || fail "--series: exit status $?"
+  [ "$(cat "$work/done")" = "$(printf '1 124\n2 0')" ] || fail "--series said: $(cat "$work/done")"
+  snapshot/replay.sh --reports "$work/alone2" $pair/after.tar.gz "$work/lister" || fail "alone: exit status $?"
+  diff "$work/alone2/n.out" "$work/series2/2/n.out" || fail "a stopped report left the next capture its entries"
   ;;
 series)
   # A recording replayed in one session (--series, as report.py replays it), the tree kept from
