@@ -166,9 +166,13 @@ bool Walker::Emit(Entry entry, std::vector<Entry>* held) {
     return out_->AddFile(entry.name, entry.data);
 }
 
-static bool IsDirectory(const std::string& path) {
+// A folder the list names by a number or a name (a process, a buffer, a CMA area) is never a
+// link on a device, so one that is is not followed: it could lead to any folder of the device.
+// Folders of fixed names may be links (/d is one on Android).
+static bool IsDirectory(const std::string& path, bool follow) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return (follow ? stat(path.c_str(), &st) : lstat(path.c_str(), &st)) == 0 &&
+           S_ISDIR(st.st_mode);
 }
 
 static bool Gone(const std::string& path) {
@@ -203,7 +207,7 @@ bool Walker::Visit(const Node& node, const std::string& device, const std::strin
                    std::vector<Entry>* held) {
     if (node.member != nullptr && !node.member->folder)
         return File(*node.member, device, rel, held);
-    if (!IsDirectory(device)) return true;
+    if (!IsDirectory(device, !IsPlaceholder(node.part))) return true;
     // A folder the list names by a number (a process, a buffer) may go while it is read: what
     // was read of it waits until the walk knows whether it is still there.
     bool numbered = IsPlaceholder(node.part) && held == nullptr;

@@ -211,6 +211,8 @@ TEST(Walk, KeepsWhatTheListSaysOfATree) {
     t.Write("secret", "7f0-7f1 rw-s 0 00:0a 9 /dmabuf:\n");
     t.Symlink("../../secret", "proc/9/maps");
     t.Symlink("../../secret", "proc/9/comm");
+    t.Write("elsewhere/maps", "7f0-7f1 rw-s 0 00:0a 9 /dmabuf:\n");
+    t.Symlink("../elsewhere", "proc/12");
     t.Mkdir("debug/cma/reserved");
     t.Write("debug/cma/reserved/used", "34\n");
     t.Symlink("debug", "d");
@@ -244,6 +246,7 @@ TEST(Walk, KeepsWhatTheListSaysOfATree) {
     EXPECT_EQ('5', m["./sys/kernel/dmabuf/buffers/"].first);
     EXPECT_FALSE(m.count("./proc/9/maps"));
     EXPECT_FALSE(m.count("./proc/9/comm"));
+    EXPECT_FALSE(m.count("./proc/12/") || m.count("./proc/12/maps"));
     EXPECT_FALSE(m.count("./proc/7/fdinfo/5"));
     EXPECT_EQ("34\n", m["./d/cma/reserved/used"].second);
     EXPECT_FALSE(m.count("./proc/iomem"));
