@@ -254,8 +254,8 @@ int main(int argc, char **argv) {
     int fd = open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
     int open_error = errno;
     struct stat out_st;
-    if (fd >= 0 && (fstat(fd, &out_st) != 0 ||
-                    !(S_ISREG(out_st.st_mode) || S_ISFIFO(out_st.st_mode)))) {
+    if (fd >= 0 &&
+        (fstat(fd, &out_st) != 0 || !(S_ISREG(out_st.st_mode) || S_ISFIFO(out_st.st_mode)))) {
         close(fd);
         fd = -1;
         open_error = EINVAL;

@@ -108,8 +108,8 @@ int ReadDmabufLines(const std::string& path, size_t limit, Scratch* s, std::stri
         // Whole lines, and at the end of the file what is left.
         size_t end = total;
         if (n > 0) {
-            const char* last = static_cast<const char*>(
-                memrchr(text + s->size, '\n', static_cast<size_t>(n)));
+            const char* last =
+                static_cast<const char*>(memrchr(text + s->size, '\n', static_cast<size_t>(n)));
             end = last != nullptr ? static_cast<size_t>(last - text) + 1 : 0;
         }
         if (end > 0) {
