@@ -250,23 +250,29 @@ int main(int argc, char **argv) {
     sigprocmask(SIG_BLOCK, &stops, &old);
     /* The program runs as root: a link at the output's name is not followed (it could lead
      * onto any file of the device, which would be emptied, then removed on a failure), and only
-     * a regular file or a FIFO (a stream read by another program) is written. */
-    int fd = open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    int open_error = errno;
+     * a regular file or a FIFO (a stream read by another program) is opened and written: a
+     * device node's driver could act on the open alone. */
     struct stat out_st;
+    const char *odd = nullptr;
+    if (lstat(out, &out_st) == 0) {
+        if (S_ISLNK(out_st.st_mode)) {
+            odd = "it is a link";
+        } else if (!S_ISREG(out_st.st_mode) && !S_ISFIFO(out_st.st_mode)) {
+            odd = "not a regular file or a FIFO";
+        }
+    }
+    int fd = odd ? -1 : open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    int open_error = errno;
     if (fd >= 0 &&
         (fstat(fd, &out_st) != 0 || !(S_ISREG(out_st.st_mode) || S_ISFIFO(out_st.st_mode)))) {
-        close(fd);
+        close(fd);  // replaced between the look and the open
         fd = -1;
-        open_error = EINVAL;
+        odd = "not a regular file or a FIFO";
     }
     output_made = fd >= 0;
     sigprocmask(SIG_SETMASK, &old, nullptr);
     if (fd < 0) {
-        fprintf(stderr, "capture: cannot write %s: %s\n", out,
-                open_error == ELOOP    ? "it is a link"
-                : open_error == EINVAL ? "not a regular file or a FIFO"
-                                       : strerror(open_error));
+        fprintf(stderr, "capture: cannot write %s: %s\n", out, odd ? odd : strerror(open_error));
         return 1;
     }
 

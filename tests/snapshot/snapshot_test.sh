@@ -704,6 +704,12 @@ capture-info)
   status=$?
   [ $status = 1 ] && grep -qx "capture: cannot write /out/g.tar.gz: it is a link" "$work/err" &&
     [ "$(cat "$root/victim")" = kept ] || fail "output through a link: status $status: $(cat "$work/err")"
+  # Nor into a device node (here the null device): one is not even opened.
+  mknod "$root/out/h.tar.gz" c 1 3 || fail "cannot make a device node"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/h.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] && grep -qx "capture: cannot write /out/h.tar.gz: not a regular file or a FIFO" "$work/err" &&
+    [ -c "$root/out/h.tar.gz" ] || fail "output a device node: status $status: $(cat "$work/err")"
   ;;
 capture-incomplete)
   static_program
