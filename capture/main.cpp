@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <time.h>
@@ -247,12 +248,31 @@ int main(int argc, char **argv) {
     }
     signal(SIGPIPE, SIG_IGN);
     sigprocmask(SIG_BLOCK, &stops, &old);
-    int fd = open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    /* The program runs as root: a link at the output's name is not followed (it could lead
+     * onto any file of the device, which would be emptied, then removed on a failure), and only
+     * a regular file or a FIFO (a stream read by another program) is opened and written: a
+     * device node's driver could act on the open alone. */
+    struct stat out_st;
+    const char *odd = nullptr;
+    if (lstat(out, &out_st) == 0) {
+        if (S_ISLNK(out_st.st_mode)) {
+            odd = "it is a link";
+        } else if (!S_ISREG(out_st.st_mode) && !S_ISFIFO(out_st.st_mode)) {
+            odd = "not a regular file or a FIFO";
+        }
+    }
+    int fd = odd ? -1 : open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
     int open_error = errno;
+    if (fd >= 0 &&
+        (fstat(fd, &out_st) != 0 || !(S_ISREG(out_st.st_mode) || S_ISFIFO(out_st.st_mode)))) {
+        close(fd);  // replaced between the look and the open
+        fd = -1;
+        odd = "not a regular file or a FIFO";
+    }
     output_made = fd >= 0;
     sigprocmask(SIG_SETMASK, &old, nullptr);
     if (fd < 0) {
-        fprintf(stderr, "capture: cannot write %s: %s\n", out, strerror(open_error));
+        fprintf(stderr, "capture: cannot write %s: %s\n", out, odd ? odd : strerror(open_error));
         return 1;
     }
 

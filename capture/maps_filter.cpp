@@ -7,7 +7,7 @@
 
 namespace quarry::capture {
 
-void KeepDmabufLines(char* text, size_t size, std::string* out) {
+bool KeepDmabufLines(char* text, size_t size, std::string* out) {
     // The reader's own parser decides, so a line it would stop at, or read differently (a NUL
     // ends its line early), is judged here exactly as it will be on replay.
     android::procinfo::MapInfo info;
@@ -26,11 +26,12 @@ void KeepDmabufLines(char* text, size_t size, std::string* out) {
         text[end] = saved;
         if (!parsed) {
             out->append(text + pos, next - pos);
-            return;
+            return true;
         }
         if (android::base::StartsWith(info.name, "/dmabuf")) out->append(text + pos, next - pos);
         pos = next;
     }
+    return false;
 }
 
 }  // namespace quarry::capture

@@ -42,16 +42,30 @@ struct Scratch {
 };
 
 // Reads at most limit bytes of path into *s; 0, or the errno of the open or read that failed.
-// Only regular files are read (a FIFO would block): anything else is ENODEV.
-int ReadUpTo(const std::string& path, size_t limit, Scratch* s) {
-    s->size = 0;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return errno;
+// Only regular files are read, and no other kind is even opened: a FIFO would block, and opening
+// a device node as root can set its driver going (a watchdog starts on open). A member file is
+// never a link on a device, so one is not followed (ELOOP): it could lead to any file of the
+// device, whose text would then leave with the capture. Folders on the way may be links (/d is
+// one on Android). The open is still non-blocking and checked again, should the file be
+// replaced between the look and the open.
+int OpenRegular(const std::string& path, int* fd) {
+    struct stat before;
+    if (lstat(path.c_str(), &before) != 0) return errno;
+    if (!S_ISREG(before.st_mode)) return S_ISLNK(before.st_mode) ? ELOOP : ENODEV;
+    *fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+    if (*fd < 0) return errno;
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
+    if (fstat(*fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(*fd);
         return ENODEV;
     }
+    return 0;
+}
+
+int ReadUpTo(const std::string& path, size_t limit, Scratch* s) {
+    s->size = 0;
+    int fd;
+    if (int error = OpenRegular(path, &fd); error != 0) return error;
     // procfs and sysfs files say they are empty: read until the end, in large pieces (a maps
     // file is generated anew for every read); one byte of room stays behind the text.
     int error = 0;
@@ -64,6 +78,50 @@ int ReadUpTo(const std::string& path, size_t limit, Scratch* s) {
         if (n < 0) error = errno;
         if (n <= 0) break;
         s->size += static_cast<size_t>(n);
+    }
+    close(fd);
+    return error;
+}
+
+// Appends a maps file's kept lines (KeepDmabufLines) to *out, read a piece at a time: a process
+// can make its maps file hundreds of MB (thousands of mappings of files with long names) while
+// a capture keeps only its few /dmabuf lines, so no more than the line being read is held whole.
+// *nonempty tells whether the file held anything. 0, EFBIG once what is kept, or one line,
+// passes limit (the member is then left out whole), else the errno of the open or read.
+int ReadDmabufLines(const std::string& path, size_t limit, Scratch* s, std::string* out,
+                    bool* nonempty) {
+    s->size = 0;
+    int fd;
+    if (int error = OpenRegular(path, &fd); error != 0) return error;
+    int error = 0;
+    for (bool stopped = false; !stopped;) {
+        s->Reserve(s->size + 64 * 1024 + 1);
+        ssize_t n = read(fd, s->bytes.get() + s->size, s->capacity - s->size - 1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            error = errno;
+            break;
+        }
+        if (n > 0) *nonempty = true;
+        char* text = s->bytes.get();
+        size_t total = s->size + static_cast<size_t>(n);
+        // Whole lines, and at the end of the file what is left.
+        size_t end = total;
+        if (n > 0) {
+            const char* last =
+                static_cast<const char*>(memrchr(text + s->size, '\n', static_cast<size_t>(n)));
+            end = last != nullptr ? static_cast<size_t>(last - text) + 1 : 0;
+        }
+        if (end > 0) {
+            stopped = KeepDmabufLines(text, end, out);
+            memmove(text, text + end, total - end);
+        }
+        s->size = total - end;
+        if (out->size() > limit || s->size > limit) {
+            error = EFBIG;
+            break;
+        }
+        if (n == 0) break;
     }
     close(fd);
     return error;
@@ -90,6 +148,7 @@ class Walker {
     bool File(const Member& m, const std::string& device, const std::string& rel,
               std::vector<Entry>* held);
     bool Emit(Entry entry, std::vector<Entry>* held);
+    bool TooLarge(const Member& m, const std::string& device);
 
     const WalkOptions& options_;
     TarGzWriter* out_;
@@ -107,9 +166,13 @@ bool Walker::Emit(Entry entry, std::vector<Entry>* held) {
     return out_->AddFile(entry.name, entry.data);
 }
 
-static bool IsDirectory(const std::string& path) {
+// A folder the list names by a number or a name (a process, a buffer, a CMA area) is never a
+// link on a device, so one that is is not followed: it could lead to any folder of the device.
+// Folders of fixed names may be links (/d is one on Android).
+static bool IsDirectory(const std::string& path, bool follow) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return (follow ? stat(path.c_str(), &st) : lstat(path.c_str(), &st)) == 0 &&
+           S_ISDIR(st.st_mode);
 }
 
 static bool Gone(const std::string& path) {
@@ -144,7 +207,7 @@ bool Walker::Visit(const Node& node, const std::string& device, const std::strin
                    std::vector<Entry>* held) {
     if (node.member != nullptr && !node.member->folder)
         return File(*node.member, device, rel, held);
-    if (!IsDirectory(device)) return true;
+    if (!IsDirectory(device, !IsPlaceholder(node.part))) return true;
     // A folder the list names by a number (a process, a buffer) may go while it is read: what
     // was read of it waits until the walk knows whether it is still there.
     bool numbered = IsPlaceholder(node.part) && held == nullptr;
@@ -178,13 +241,18 @@ bool Walker::File(const Member& m, const std::string& device, const std::string&
             if (access(device.c_str(), R_OK) != 0) return true;
             return Emit({rel, false, {}}, held);
         case Keep::kDmabuf: {
-            if (ReadUpTo(device, SIZE_MAX - 1, &s) != 0) return true;
-            if (s.size > 0) result_->device_maps = true;
+            bool nonempty = false;
+            int error;
             if (options_.full) {
-                data.assign(s.view());
+                error = ReadUpTo(device, m.limit + 1, &s);
+                nonempty = s.size > 0;
+                if (error == 0) data.assign(s.view());
             } else {
-                KeepDmabufLines(s.bytes.get(), s.size, &data);
+                error = ReadDmabufLines(device, m.limit, &s, &data, &nonempty);
             }
+            if (nonempty) result_->device_maps = true;
+            if (error == EFBIG) return TooLarge(m, device);
+            if (error != 0) return true;
             break;
         }
         case Keep::kLine: {
@@ -205,12 +273,14 @@ bool Walker::File(const Member& m, const std::string& device, const std::string&
             data.assign(s.view());
             break;
     }
-    if (data.size() > m.limit) {
-        result_->notes.push_back("left out " + device + ": more than " + std::to_string(m.limit) +
-                                 " bytes, the most a capture may hold of it");
-        return true;
-    }
+    if (data.size() > m.limit) return TooLarge(m, device);
     return Emit({rel, false, std::move(data)}, held);
+}
+
+bool Walker::TooLarge(const Member& m, const std::string& device) {
+    result_->notes.push_back("left out " + device + ": more than " + std::to_string(m.limit) +
+                             " bytes, the most a capture may hold of it");
+    return true;
 }
 
 void Insert(Node* root, const Member& m) {

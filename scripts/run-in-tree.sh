@@ -26,7 +26,8 @@
 #                    tree is covered by this host's own), and the tool cannot change the tree
 #   --keep-root      with --in-place: the root is left standing for the next run on the same
 #                    tree with the same binary, which then only binds the tree's folders in
-#                    again (replay.sh --series runs the tool on one tree after another)
+#                    again (replay.sh --series runs the tool on one tree after another); the
+#                    root is read-only while the tool runs, so no run leaves anything to the next
 #   --each OUTDIR    run the tool once per OPTION (such as -u) on the one copy, each for at most
 #                    QUARRY_RUN_SECONDS (default 120; status 124 when stopped), writing
 #                    OUTDIR/NAME.out, NAME.err and NAME.status, NAME being the option without
@@ -90,6 +91,7 @@ shift 10
 kept=""
 if [ "$in_place" = 1 ] && [ -f "$root.dynamic" ]; then
   read -r kept <"$root.dynamic"
+  mount -o remount,rw "$root"
   binds=()
   for folder in proc d sys dev; do
     [ ! -d "$root/$folder" ] || binds+=("$root/$folder")
@@ -191,6 +193,12 @@ fi
 if [ -n "$valgrind" ]; then
   mount --bind "$valgrind" "$root/vg"
   export TMPDIR=/vg
+fi
+# The root is read-only while the tool runs: a kept root serves the next capture's run too, so
+# nothing one run leaves in it (an etc/ld.so.preload, a changed /quarrystat) may reach another.
+# (A tree without proc has the tool's own /proc entries made in the root; it stays writable.)
+if [ "$in_place" = 1 ] && [ "$device" != "$root" ]; then
+  mount -o remount,ro "$root"
 fi
 as_user=()
 [ -z "$user" ] || as_user=(--userspec="$user:$user")

@@ -173,12 +173,24 @@ unpack() { # CAPTURE MESSAGES ("-": standard error) -> ustatus
   fi
   trap - PIPE
   ustatus=2
-  if kill -0 "$unpacker" 2>/dev/null; then ustatus=124; kill -KILL "$unpacker" 2>/dev/null || true; fi
-  eval "exec $to_unpacker>&- $from_unpacker<&-"
-  wait "$unpacker" 2>/dev/null || true
-  unpacker=""
-  # (What it held, the tree and its spilled data, goes with it.)
-  rm -rf "$tree" "$tree.moving" "$spill"/unpacking-*
+  if kill -0 "$unpacker" 2>/dev/null; then ustatus=124; fi
+  afresh
+}
+# The session starts again from nothing: the unpacking is killed, and what it held (the tree,
+# its spilled data) goes with it, as does the tool's root kept beside the tree (detached first,
+# whatever is still bound in it).
+afresh() {
+  if [ -n "$unpacker" ]; then
+    kill -KILL "$unpacker" 2>/dev/null || true
+    eval "exec $to_unpacker>&- $from_unpacker<&-"
+    wait "$unpacker" 2>/dev/null || true
+    unpacker=""
+  fi
+  if [ -d "$tree.root" ]; then
+    umount -R -l "$tree.root" 2>/dev/null || true
+    rmdir "$tree.root"
+  fi
+  rm -rf "$tree" "$tree.root.dynamic" "$tree.moving" "$spill"/unpacking-*
   mkdir "$tree"
 }
 # A run killed by SIGXFSZ (128 + 25) passed the output bound.
@@ -238,10 +250,15 @@ replay_one() {
       -f "$out/files/cmdline.tar")
   fi
   # The three reports run on the one tree, each bounded on its own. The tool's own root
-  # (run-in-tree.sh makes it beside the tree) is kept for the next capture of the session.
-  QUARRY_RUN_SECONDS=$seconds timeout -k 5 $((4 * seconds)) "${limit[@]}" \
+  # (run-in-tree.sh makes it beside the tree) is kept for the next capture of the session. The
+  # bound over all three is above the sum of theirs (each may take 5 s more to die), so that it
+  # stops only a run-in-tree.sh stuck outside the reports: one stopped midway would leave a
+  # report running on and what it put in the tree and the root (a sanitizer build's own /proc
+  # entries), and the next capture would meet them. Should it stop one, the session starts again.
+  QUARRY_RUN_SECONDS=$seconds timeout -k 5 $((4 * seconds + 20)) "${limit[@]}" \
     "$top/scripts/run-in-tree.sh" --in-place --keep-root --each "$out" "$tree" "$binary" \
     -u -n -s </dev/null || status=$?
+  [ $status = 0 ] || afresh
   local -A ran=()
   for mode in u n s; do
     ran[$mode]=124

@@ -455,6 +455,42 @@ time-bound)
   diff -r -x cmdline.tar -x status -x replay.err "$work/alone" "$work/series/2" || fail "the next capture's reports differ"
   left=$(find "$work/tmp" "$work/spill" -mindepth 1)
   [ -z "$left" ] || fail "--series left behind: $left"
+  # A report stopped at its time limit (one that shrugs off TERM, of a dynamically linked build,
+  # which has its own /proc entries bound into the tree) leaves the next capture of the session
+  # nothing: it lists the tree's /proc as replaying that capture alone does. Nor does a report
+  # that writes into the tool's root (kept for the next capture): it is read-only.
+  mkdir -p "$work/spin-tree/proc" "$work/series2" "$work/alone2"
+  echo spin >"$work/spin-tree/proc/meminfo"
+  tar -C "$work/spin-tree" -czf "$work/spin.tar.gz" .
+  cc -x c - -o "$work/lister" <<'EOF' || fail "cannot build the lister"
+#include <dirent.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+int main(int argc, char **argv) {
+    char head[5] = "";
+    FILE *f = fopen("/proc/meminfo", "r");
+    if (f && fread(head, 1, 4, f) == 4 && !strcmp(head, "spin") && !strcmp(argv[argc - 1], "-u")) {
+        signal(SIGTERM, SIG_IGN);
+        for (;;) pause();
+    }
+    if (!strcmp(argv[argc - 1], "-s") && (f = fopen("/planted", "w"))) fclose(f);
+    if (access("/planted", F_OK) == 0) printf("planted\n");
+    char self[32];
+    snprintf(self, sizeof self, "%d", (int)getpid());
+    DIR *d = opendir("/proc");
+    for (struct dirent *e; d && (e = readdir(d));)
+        if (strcmp(e->d_name, self) && strcmp(e->d_name, "self")) printf("%s\n", e->d_name);
+    return 0;
+}
+EOF
+  QUARRY_SPILL_DIR=$work/spill QUARRY_REPLAY_SECONDS=1 snapshot/replay.sh --series "$work/series2" "$work/lister" \
+    "$work/spin.tar.gz" $pair/after.tar.gz $pair/after.tar.gz >"$work/done" || fail "--series: exit status $?"
+  [ "$(cat "$work/done")" = "$(printf '1 124\n2 0\n3 0')" ] || fail "--series said: $(cat "$work/done")"
+  snapshot/replay.sh --reports "$work/alone2" $pair/after.tar.gz "$work/lister" || fail "alone: exit status $?"
+  diff "$work/alone2/n.out" "$work/series2/2/n.out" || fail "the next capture met what a report of the one before left (a stopped one, or one that wrote)"
+  diff "$work/alone2/n.out" "$work/series2/3/n.out" || fail "a report left the capture after the next a file in the root"
   ;;
 series)
   # A recording replayed in one session (--series, as report.py replays it), the tree kept from
@@ -664,6 +700,19 @@ capture-info)
   [ "$(info "$root/out/f.tar.gz" model)" = "Pixel  9" ] || fail "model from getprop: $(info "$root/out/f.tar.gz" model | cat -A)"
   [ "$(info "$root/out/f.tar.gz" fingerprint)" = google/x/y:15/AP3A/1:user/release-keys ] ||
     fail "fingerprint: $(info "$root/out/f.tar.gz" fingerprint)"
+  # Run as root, the program writes through no link at the output's name: what it leads to stays.
+  echo kept >"$root/victim"
+  ln -s ../victim "$root/out/g.tar.gz"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/g.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] && grep -qx "capture: cannot write /out/g.tar.gz: it is a link" "$work/err" &&
+    [ "$(cat "$root/victim")" = kept ] || fail "output through a link: status $status: $(cat "$work/err")"
+  # Nor into a device node (here the null device): one is not even opened.
+  mknod "$root/out/h.tar.gz" c 1 3 || fail "cannot make a device node"
+  timeout 60 chroot "$root" /bin/mksh /capture.sh /out/h.tar.gz 2>"$work/err"
+  status=$?
+  [ $status = 1 ] && grep -qx "capture: cannot write /out/h.tar.gz: not a regular file or a FIFO" "$work/err" &&
+    [ -c "$root/out/h.tar.gz" ] || fail "output a device node: status $status: $(cat "$work/err")"
   ;;
 capture-incomplete)
   static_program

@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -203,8 +205,19 @@ TEST(Walk, KeepsWhatTheListSaysOfATree) {
     t.Write("proc/007/maps", "nor this\n");
     t.Mkdir("proc/8/fdinfo");
     t.Mkdir("sys/kernel/dmabuf/buffers");
-    t.Write("d/cma/linux,cma/used", "12\n");
     t.Write("proc/iomem", std::string((4 << 20) + 1, 'i'));  // more than the list allows
+    // A member file that is a link is not followed, wherever it leads: it never is one on a
+    // device. A FIFO is not opened (it would block). Folders on the way may be links (/d).
+    t.Write("secret", "7f0-7f1 rw-s 0 00:0a 9 /dmabuf:\n");
+    t.Symlink("../../secret", "proc/9/maps");
+    t.Symlink("../../secret", "proc/9/comm");
+    t.Write("elsewhere/maps", "7f0-7f1 rw-s 0 00:0a 9 /dmabuf:\n");
+    t.Symlink("../elsewhere", "proc/12");
+    t.Mkdir("debug/cma/reserved");
+    t.Write("debug/cma/reserved/used", "34\n");
+    t.Symlink("debug", "d");
+    ASSERT_EQ(0, mkfifo(t.Path("proc/7/fdinfo/5").c_str(), 0644));
+    ASSERT_EQ(0, mkfifo(t.Path("sys/kernel/dmabuf/buffers/12").c_str(), 0644));
     std::vector<Member> members;
     std::string error;
     std::ifstream in(QUARRY_SOURCE_DIR "/capture/members.txt");
@@ -231,12 +244,61 @@ TEST(Walk, KeepsWhatTheListSaysOfATree) {
     EXPECT_FALSE(m.count("./proc/007/maps"));
     EXPECT_EQ('5', m["./proc/8/fdinfo/"].first);
     EXPECT_EQ('5', m["./sys/kernel/dmabuf/buffers/"].first);
-    EXPECT_EQ("12\n", m["./d/cma/linux,cma/used"].second);
+    EXPECT_FALSE(m.count("./proc/9/maps"));
+    EXPECT_FALSE(m.count("./proc/9/comm"));
+    EXPECT_FALSE(m.count("./proc/12/") || m.count("./proc/12/maps"));
+    EXPECT_FALSE(m.count("./proc/7/fdinfo/5"));
+    EXPECT_EQ("34\n", m["./d/cma/reserved/used"].second);
     EXPECT_FALSE(m.count("./proc/iomem"));
     ASSERT_EQ(1u, result.notes.size());
     EXPECT_NE(std::string::npos, result.notes[0].find("/proc/iomem: more than 4194304 bytes"));
     EXPECT_TRUE(result.device_maps);
     EXPECT_FALSE(m.count("./capture-info"));  // the program writes it, not the walk
+}
+
+// A maps file is read a piece at a time: it keeps what the whole file's cut keeps (lines across
+// pieces, a stop past the first piece), and one of hundreds of MB, which a process can make with
+// many long-named mappings, costs no more memory than the most a capture keeps of it.
+TEST(Walk, MapsReadInPiecesInBoundedMemory) {
+    TempTree t;
+    const std::string lib = "7f0-7f1 r--p 0 fd:05 1 /" + std::string(100, 'l') + "\n";
+    const std::string buf = "7f1-7f2 rw-s 0 00:0a 9 /dmabuf:x\n";
+    std::string maps;
+    for (int i = 0; i < 3000; i++) maps += i % 7 ? lib : buf;
+    t.Write("proc/1/maps", maps);
+    t.Write("proc/2/maps", maps + "garbage\n" + maps);
+    t.Write("proc/3/maps", buf);
+    ASSERT_EQ(0, truncate(t.Path("proc/3/maps").c_str(), 512 << 20));  // sparse: no disk used
+    std::vector<Member> members;
+    std::string error;
+    ASSERT_TRUE(ParseMembers("proc/<pid>/maps 64M dmabuf\n", &members, &error)) << error;
+    auto walk = [&](const std::string& path) {
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        TarGzWriter w(fd, 0);
+        WalkOptions options;
+        options.root = t.Root();
+        WalkResult result;
+        bool ok = Walk(members, options, &w, &result) && w.Finish();
+        close(fd);
+        return ok && result.notes.size() == 1;
+    };
+    ASSERT_TRUE(walk(t.Path("c.tar.gz")));
+    auto m = ReadBack(t.Path("c.tar.gz"));
+    EXPECT_EQ(Cut(maps), m["./proc/1/maps"].second);
+    EXPECT_EQ(Cut(maps + "garbage\n" + maps), m["./proc/2/maps"].second);
+    EXPECT_FALSE(m.count("./proc/3/maps"));
+#if !defined(__SANITIZE_ADDRESS__)  // (its shadow memory is address space too)
+    auto bounded = [&] {
+        std::ifstream statm("/proc/self/statm");
+        size_t pages = 0;
+        statm >> pages;
+        rlim_t most = pages * sysconf(_SC_PAGESIZE) + (192 << 20);
+        struct rlimit limit = {most, most};
+        setrlimit(RLIMIT_AS, &limit);
+        exit(walk(t.Path("d.tar.gz")) ? 0 : 1);
+    };
+    EXPECT_EXIT(bounded(), ::testing::ExitedWithCode(0), "");
+#endif
 }
 
 }  // namespace
