@@ -242,7 +242,8 @@ int main(int argc, char **argv) {
     sigemptyset(&sa.sa_mask);
     sigset_t stops, old;
     sigemptyset(&stops);
-    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+    /* A signal that would end the program ends it here, leaving no archive behind. */
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGALRM, SIGUSR1, SIGUSR2}) {
         sigaction(sig, &sa, nullptr);
         sigaddset(&stops, sig);
     }

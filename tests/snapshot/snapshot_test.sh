@@ -944,13 +944,14 @@ capture-full-disk)
   ;;
 capture-stop)
   static_program
-  # TERM or INT at any moment of a capture: status 1 and no archive. First while the program is
-  # blocked in the middle of its archive (written into a FIFO that nobody reads), then at a
-  # range of moments of captures of a generated tree.
+  # A signal at any moment of a capture: status 1 and no archive. First while the program is
+  # blocked in the middle of its archive (written into a FIFO that nobody reads), then TERM and
+  # INT at a range of moments of captures of a generated tree.
   root=$work/root
   device_root "$root"
   "$(dirname "$binary")/../bench/gen_tree" "$root" 0.05 >/dev/null || fail "gen_tree failed"
-  for sig in TERM INT; do
+  # (QUIT is left out: a shell starts a background command with it ignored.)
+  for sig in TERM INT HUP USR1; do
     mkfifo "$root/out/c.tar.gz"
     chroot "$root" /bin/mksh /capture.sh --full /out/c.tar.gz 2>"$work/err" &
     pid=$!
@@ -958,6 +959,9 @@ capture-stop)
     head -c 1000 <&3 >/dev/null
     sleep 0.3
     kill -$sig $pid
+    # A program that ignored the signal would wait for its reader for ever.
+    for _ in $(seq 50); do kill -0 $pid 2>/dev/null || break; sleep 0.1; done
+    kill -0 $pid 2>/dev/null && { kill -KILL $pid; fail "$sig while blocked: still running after 5 s"; }
     wait $pid
     status=$?
     exec 3<&-
