@@ -110,10 +110,6 @@ def command_lines(runs):
     return out
 
 
-def _kb_bytes(kb):
-    return None if kb is None else kb * 1024
-
-
 # Every captures row has every column, null where its capture cannot say, so that an engine
 # reading a sample of rows sees them all.
 CAPTURE_COLUMNS = (
@@ -178,8 +174,8 @@ def capture_rows(key, path, binary):
         u_status=runs["u"].status, n_status=runs["n"].status, s_status=runs["s"].status,
         dmabuf_state=u["state"],
         unmapped_buffers=len(u["rows"]) if u["state"] == "table" else None,
-        unmapped_total_bytes=_kb_bytes(u["total_kb"]),
-        kernel_total_bytes=_kb_bytes(n["total_kb"]),
+        unmapped_total_bytes=series.kb_bytes(u["total_kb"]),
+        kernel_total_bytes=series.kb_bytes(n["total_kb"]),
         bufinfo_present=table is not None, messages=messages)
     buffers = [dict(ident, **{
         "inode": r["inode"], "size_bytes": r["size"], "exporter": r["exporter"],
@@ -198,10 +194,10 @@ def capture_rows(key, path, binary):
         figures.append((m["source"] + " unmapped", m["kb"], m["source"], m["reason"]))
     if n["total_kb"] is not None:
         figures.append(("Kernel Memory total size", n["total_kb"], None, None))
-    counters = [dict(ident, **{"position": i, "counter": name, "bytes": _kb_bytes(kb),
+    counters = [dict(ident, **{"position": i, "counter": name, "bytes": series.kb_bytes(kb),
                                "source": source, "unknown_reason": reason})
                 for i, (name, kb, source, reason) in enumerate(figures)]
-    return report._clean_tree((capture, buffers, regions, counters))
+    return report.clean_tree((capture, buffers, regions, counters))
 
 
 # What each worker process knows: set once by _init, so each task carries only its capture.

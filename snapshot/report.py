@@ -87,16 +87,16 @@ def _cleaned(doc):
         json.dumps(doc, ensure_ascii=False, separators=(",", ":")).encode("utf-8")
         return doc
     except UnicodeEncodeError:
-        return _clean_tree(doc)
+        return clean_tree(doc)
 
 
-def _clean_tree(value):
+def clean_tree(value):
     if isinstance(value, str):
         return clean(value)
     if isinstance(value, list):
-        return [_clean_tree(v) for v in value]
+        return [clean_tree(v) for v in value]
     if isinstance(value, dict):
-        return {(clean(k) if isinstance(k, str) else k): _clean_tree(v) for k, v in value.items()}
+        return {(clean(k) if isinstance(k, str) else k): clean_tree(v) for k, v in value.items()}
     return value
 
 

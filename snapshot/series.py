@@ -193,7 +193,8 @@ def _named_counts(table):
     return counts
 
 
-def _kb_bytes(kb):
+def kb_bytes(kb):
+    """A figure the tool prints in KB, in bytes (None stays unknown); the fleet tables use it too."""
     return None if kb is None else kb * 1024
 
 
@@ -212,7 +213,7 @@ def build(captures):
            "boot": numbers,
            "boots": [{"boot": b + 1, "boot_id": captures[first]["time"].get("boot_id"),
                       "first": first, "last": last} for b, (first, last) in enumerate(spans)],
-           "unmapped_bytes": [_kb_bytes(t["total_kb"]) if t else None for t in tables]}
+           "unmapped_bytes": [kb_bytes(t["total_kb"]) if t else None for t in tables]}
     for by in ("exporter", "holder", "name"):
         per = [_grouped(t, by, numbers[i] if several else None) if t else None
                for i, t in enumerate(tables)]
@@ -253,7 +254,7 @@ def build(captures):
         if n["total_kb"] is not None:
             figures.append(("Kernel Memory total size", n["total_kb"]))
         for name, kb in figures:
-            counters.setdefault(name, [None] * len(captures))[i] = _kb_bytes(kb)
+            counters.setdefault(name, [None] * len(captures))[i] = kb_bytes(kb)
     out["counters"] = counters
     return out
 
